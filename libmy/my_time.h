@@ -1,0 +1,18 @@
+// Wall-clock helpers. Time stamps are timespec values taken from
+// gettimeofday (microseconds times 1000 as nanoseconds).
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+
+using my_clock_fn = timespec (*)();
+
+// The current wall-clock time; tests may replace the clock.
+timespec my_time_now();
+void my_time_set_clock(my_clock_fn clock);  // nullptr restores the real clock
+
+timespec my_time_add(timespec a, timespec b);
+timespec my_time_sub(timespec end, timespec start);  // nanoseconds borrowed from the seconds
+// True when `a` is strictly earlier than `b`.
+bool my_time_before(const timespec& a, const timespec& b);
+double my_time_seconds(const timespec& t);

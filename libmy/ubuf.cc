@@ -1,0 +1,23 @@
+#include "libmy/ubuf.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+#include "libmy/my_alloc.h"
+
+void ubuf_add_fmt(std::string& buf, const char* format, ...) {
+  if (!buf.empty() && buf.back() == '\0') buf.pop_back();
+  va_list ap;
+  va_start(ap, format);
+  va_list measure;
+  va_copy(measure, ap);
+  int needed = vsnprintf(nullptr, 0, format, measure);
+  va_end(measure);
+  my_assert(needed >= 0, "needed >= 0");
+  size_t old = buf.size();
+  buf.resize(old + needed + 1);
+  int status = vsnprintf(buf.data() + old, needed + 1, format, ap);
+  va_end(ap);
+  my_assert(status >= 0, "status >= 0");
+  buf.resize(old + needed);
+}

@@ -1,0 +1,21 @@
+// Runs a program with arguments, environment additions and standard input,
+// and captures its standard output, standard error and exit status.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+struct run_result {
+  std::string out;
+  std::string err;
+  int status = -1;  // exit status, or 128 + signal
+};
+
+run_result run_binary(const std::string& program, const std::vector<std::string>& args,
+                      const std::string& input = "",
+                      const std::vector<std::pair<std::string, std::string>>& env = {});
+
+// The built vornsearch program.
+run_result run_vornsearch(const std::vector<std::string>& args, const std::string& input = "",
+                          const std::vector<std::pair<std::string, std::string>>& env = {});
