@@ -190,6 +190,7 @@ void append_rrtype_code(std::string& out, uint16_t rrtype) {
     return;
   }
   char buf[8];
+  if (rrtype < 10 && rrtype_from_code_char(static_cast<char>('0' + rrtype)) != 0) out += '0';
   auto res = std::to_chars(buf, buf + sizeof buf, rrtype);
   out.append(buf, res.ptr);
 }

@@ -24,7 +24,8 @@
 char rrtype_code_char(uint16_t rrtype);
 // The type of a one-character code, or 0 when the character is not a code.
 uint16_t rrtype_from_code_char(char code);
-// Appends the code of a type: its one-character code, else its decimal number.
+// Appends the code of a type: its one-character code, else its decimal
+// number. Type 4 is written "04", since "4" is the code of A.
 void append_rrtype_code(std::string& out, uint16_t rrtype);
 // Parses the type code at the start of `item`. A one-character code must be
 // followed by ':' or the end of `item`; a decimal code (at most 7 digits, 1 to
@@ -38,7 +39,7 @@ uint16_t parse_rrtype_code(std::string_view item);
 std::vector<search_entry> parse_rrname_value(std::string_view text);
 
 struct rdata_value {
-  std::string_view wire_form;  // "LENGTH/HEX" as written; empty when the value has none
+  std::string_view wire_form;  // "LENGTH/HEX" within the parsed text; empty when it has none
   search_entry entry;
 };
 
