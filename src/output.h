@@ -29,8 +29,8 @@ void write_raw_result(FILE* stream, const search_result& result);
 // Objects no longer than this, terminator included, are printed.
 inline constexpr size_t JSON_RESULT_BUFFER = 8192;
 
-// Generates the JSON object of the first entry of `rrtype` into `out`, which
-// must start empty. True when `out` is to be printed: the object, or as much
+// Generates the JSON object of the first entry of `rrtype` into `out`,
+// replacing its contents. True when `out` is to be printed: the object, or as much
 // of it as was generated before the generator failed (that failure is
 // logged). False, with a message on standard error, when the result has no
 // entry of that type or too much rdata, or when the object would not fit in

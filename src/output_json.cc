@@ -111,7 +111,8 @@ bool json_format_result(const search_result& result, uint16_t rrtype, bool detai
 void write_json_result(FILE* stream, const search_result& result, uint16_t rrtype, bool details) {
   std::string buffer;
   const auto write_one = [&](uint16_t type) {
-    if (json_format_result(result, type, details, buffer, JSON_RESULT_BUFFER)) fprintf(stream, "%s\n", buffer.c_str());
+    if (json_format_result(result, type, details, buffer, JSON_RESULT_BUFFER))
+      fprintf(stream, "%s\n", buffer.c_str());
   };
   if (rrtype != 0) {
     write_one(rrtype);
