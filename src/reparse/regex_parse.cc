@@ -97,7 +97,10 @@ bool bracket_parse(const char*& cursor, re_elem_ptr& pending, char negchar, std:
       prev = -1;
       continue;
     }
-    if (c == '-' && p[1] == '\0') break;
+    if (c == '-' && p[1] == '\0') {
+      ++p;  // unterminated: reported below
+      break;
+    }
     if (c == '-' && p[1] != ']') {
       unsigned char end = p[1];
       if (prev < 0 || end == '[' ||
