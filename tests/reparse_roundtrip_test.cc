@@ -12,6 +12,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
+#include <iterator>
 #include <random>
 #include <string>
 
@@ -23,20 +25,25 @@ class expression_gen {
  public:
   explicit expression_gen(uint32_t seed) : rng_(seed) {}
 
-  std::string regex() { return alternatives(0); }
+  std::string regex(int depth = 0) {
+    int n = pick(3) ? 1 : 1 + pick(3);
+    std::string s = concatenation(depth);
+    for (int i = 1; i < n; ++i) s.append("|").append(concatenation(depth));
+    return n >= 2 && pick(6) == 0 ? s + "|" : s;
+  }
 
   std::string glob() {
     std::string s;
     for (int n = pick(8); n > 0; --n) {
-      switch (pick(6)) {
-        case 0: s += "*"; break;
-        case 1: s += "?"; break;
-        case 2: s += bracket('!'); break;
-        default: {
-          char c = any_char();
-          if (pick(4) == 0 || std::string("*?[\\").find(c) != std::string::npos) s += '\\';
-          s += c;
-        }
+      int k = pick(6);
+      if (k < 2) {
+        s += "*?"[k];
+      } else if (k == 2) {
+        s += bracket('!');
+      } else {
+        char c = text_char();
+        if (k == 3 || strchr("*?[\\", c) != nullptr) s += '\\';
+        s += c;
       }
     }
     return s;
@@ -44,80 +51,41 @@ class expression_gen {
 
  private:
   int pick(int n) { return static_cast<int>(rng_() % static_cast<uint32_t>(n)); }
-  char any_char() {
-    static const char bare[] = "abcXYZ019]}-,:_ ~!%@=/'\"<>";
-    static const char special[] = "$()*+.?[\\^{|";
-    return pick(4) ? bare[pick(sizeof bare - 1)] : special[pick(sizeof special - 1)];
-  }
-
-  std::string alternatives(int depth) {
-    int n = 1 + (pick(3) ? 0 : pick(3));
-    std::string s;
-    for (int i = 0; i < n; ++i) s += (i ? "|" : "") + concatenation(depth);
-    if (n >= 2 && pick(6) == 0) s += "|";
-    return s;
+  char text_char() {
+    static const char chars[] = "abcXYZ019]}-,:_ ~!%@=/'\"<>$()*+.?[\\^{|";
+    return chars[pick(sizeof chars - 1)];
   }
 
   std::string concatenation(int depth) {
-    // Anchors inside groups mostly fail to hoist, so they are rarer there.
-    const int anchor_odds = depth == 0 ? 6 : 20;
-    std::string s = pick(anchor_odds) == 0 ? "^" : "";
-    for (int n = 1 + pick(4); n > 0; --n) s += atom(depth) + repetition();
-    return s + (pick(anchor_odds) == 0 ? "$" : "");
-  }
-
-  std::string atom(int depth) {
-    switch (pick(depth < 3 ? 7 : 5)) {
-      case 0: return ".";
-      case 1: return bracket('^');
-      case 2: {
-        std::string c(1, any_char());
-        return std::string("$()*+.?[\\^{|").find(c[0]) != std::string::npos ? "\\" + c : c;
+    const int odds = depth == 0 ? 6 : 20;  // anchors inside groups mostly fail to hoist
+    std::string s = pick(odds) ? "" : "^";
+    for (int n = 1 + pick(4); n > 0; --n) {
+      int k = pick(depth < 3 ? 7 : 5);
+      if (k == 0) {
+        s += bracket('^');
+      } else if (k == 1) {
+        char c = text_char();
+        if (strchr("$()*+.?[\\^{|", c) != nullptr) s += '\\';
+        s += c;
+      } else if (k < 5) {
+        s += ".abcx"[pick(5)];
+      } else {
+        s.append("(").append(regex(depth + 1)).append(")");
       }
-      case 3:
-      case 4: return std::string(1, "abcxyz"[pick(6)]);
-      default: return "(" + alternatives(depth + 1) + ")";
+      static const char* ops[] = {"*", "+", "?", "{0}", "{2}", "{0,}", "{2,}", "{0,0}", "{0,1}", "{1,3}", "{2,2}"};
+      for (int r = pick(4) ? 0 : 1 + pick(2); r > 0; --r) s += ops[pick(11)];
     }
-  }
-
-  std::string repetition() {
-    std::string s;
-    for (int n = pick(4) == 0 ? 1 + pick(2) : 0; n > 0; --n) {
-      switch (pick(7)) {
-        case 0: s += "*"; break;
-        case 1: s += "+"; break;
-        case 2: s += "?"; break;
-        case 3: s += "{" + std::to_string(pick(4)) + "}"; break;
-        case 4: s += "{" + std::to_string(pick(3)) + ",}"; break;
-        default: {
-          int lo = pick(3);
-          s += "{" + std::to_string(lo) + "," + std::to_string(lo + pick(3)) + "}";
-        }
-      }
-    }
-    return s;
+    return pick(odds) ? s : s + "$";
   }
 
   std::string bracket(char neg) {
-    static const char* names[] = {"[:alnum:]", "[:alpha:]", "[:digit:]", "[:lower:]", "[:upper:]",
-                                  "[:xdigit:]", "[:punct:]", "[:graph:]", "[:print:]"};
-    static const char members[] = "abcmxyzAKZ0579_.,:;!@#%&*+?(){}|$/~=<>'\"";
-    std::string s = "[";
-    if (pick(3) == 0) s += neg;
-    for (int n = 1 + pick(3); n > 0; --n) {
-      switch (pick(5)) {
-        case 0: s += names[pick(9)]; break;
-        case 1: {
-          const char* lo = pick(2) ? "aAk0" : "bM5";
-          const char* hi = "zZy9";
-          char a = lo[pick(3)], b = hi[pick(4)];
-          if (a <= b) s += std::string{a, '-', b};
-          break;
-        }
-        default: s += members[pick(sizeof members - 1)];
-      }
-    }
-    return s == "[" || s == std::string("[") + neg ? s + "a]" : s + "]";
+    static const char* items[] = {"[:alnum:]", "[:alpha:]", "[:digit:]", "[:lower:]", "[:upper:]",
+                                  "[:xdigit:]", "[:punct:]", "[:graph:]", "[:print:]", "a-z", "A-Z",
+                                  "0-9", "k-y", "M-z", "5-Z", "a", "c", "Z", "7", "_", ".", ",", ":",
+                                  "*", "(", ")", "{", "}", "|", "$", "/", "~", "'", "\""};
+    std::string s = pick(3) ? "[" : std::string("[") + neg;
+    for (int n = 1 + pick(3); n > 0; --n) s += items[pick(std::size(items))];
+    return s + "]";
   }
 
   std::mt19937 rng_;

@@ -1,4 +1,5 @@
 // The parse-tree record and the normalising operations both parsers build with.
+#include <algorithm>
 #include <bit>
 #include <cstdarg>
 #include <cstdio>

@@ -1,11 +1,12 @@
 // The regular-expression parser: a small subset of POSIX extended syntax,
 // refusing anything the matcher and the trigram stage could not reproduce.
-#include <cctype>
-#include <clocale>
-#include <cstdlib>
-#include <cstring>
+#include <ctype.h>
 #include <locale.h>
 
+#include <cstdlib>
+#include <cstring>
+
+#include "libmy/my_alloc.h"
 #include "reparse/reparse.h"
 #include "reparse/reparse_internal.h"
 
@@ -15,6 +16,7 @@ using ctype_fn = int (*)(int, locale_t);
 
 locale_t posix_locale() {
   static const locale_t loc = newlocale(LC_ALL_MASK, "POSIX", locale_t{});
+  my_assert(loc != locale_t{}, "loc != NULL");
   return loc;
 }
 
@@ -25,7 +27,7 @@ int fill_class(re_class_bits& bits) {
     re_class_bits b{};
     locale_t loc = posix_locale();
     for (int c = 0; c < 256; ++c)
-      if (loc != locale_t{} && Is(c, loc)) b[c >> 6] |= uint64_t{1} << (c & 63);
+      if (Is(c, loc)) b[c >> 6] |= uint64_t{1} << (c & 63);
     return b;
   }();
   for (size_t i = 0; i < bits.size(); ++i) bits[i] |= set[i];
@@ -40,9 +42,6 @@ constexpr class_table_entry class_entries[] = {
     {"[:punct:]", fill_class<ispunct_l>}, {"[:space:]", fill_class<isspace_l>},
     {"[:upper:]", fill_class<isupper_l>}, {"[:xdigit:]", fill_class<isxdigit_l>},
 };
-
-// Characters that must be escaped to stand for themselves.
-bool regex_special(unsigned char c) { return c != 0 && strchr("$()*+.?[\\^{|", c) != nullptr; }
 
 void set_all(re_class_bits& bits) { bits.fill(~uint64_t{0}); }
 
@@ -205,7 +204,7 @@ re_elem_ptr parse(const char* text, std::string* err) {
         continue;
       }
       case '\\':
-        if (regex_special(s[i + 1])) {
+        if (reparse_escaped(s[i + 1])) {
           c = s[++i];
           pos = static_cast<int>(i);
           break;  // an ordinary character

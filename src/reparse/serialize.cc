@@ -1,7 +1,6 @@
 // Writes parse trees back out: as regular-expression text for the matcher
 // and the logs, and as an indented dump for debugging.
 #include <cstdio>
-#include <cstring>
 
 #include "libmy/ubuf.h"
 #include "log/log.h"
@@ -9,8 +8,6 @@
 #include "reparse/reparse_internal.h"
 
 namespace {
-
-bool literal_special(unsigned char c) { return c != 0 && strchr("$()*+.?[\\^{|", c) != nullptr; }
 
 void serialize_class(const re_class_bits& members, std::string& out) {
   out.push_back('[');
@@ -85,7 +82,7 @@ void serialize_elem(const re_elem* e, std::string& out) {
       for (char ch : e->text) {
         auto c = static_cast<unsigned char>(ch);
         if (c == 0) continue;
-        if (literal_special(c)) out.push_back('\\');
+        if (reparse_escaped(c)) out.push_back('\\');
         out.push_back(ch);
       }
       serialize_repeat(e->min, e->max, out);
