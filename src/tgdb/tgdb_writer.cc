@@ -295,6 +295,11 @@ bool tgdb_writer::finish(std::string* err) {
     std::vector<uint8_t>().swap(enc.bytes());
   }
   if (!w.flush(err)) return false;
+  // With no lines nothing was written past the header's hole.
+  if (ftruncate(w.fd, off_t(w.pos)) != 0) {
+    set_err(err, errno_text("cannot size", w.tmp_path));
+    return false;
+  }
 
   uint32_t flags = TGDB_FLAG_NREF;
   if (w.opts.rdata) flags |= TGDB_FLAG_RDATA;
