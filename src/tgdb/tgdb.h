@@ -12,8 +12,10 @@
 // Posting lists lie wherever the directory points.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <span>
 #include <string>
@@ -49,15 +51,21 @@ inline uint64_t tgdb_ref_at(const uint8_t* entries, uint64_t i) {
 
 constexpr uint64_t tgdb_round_up(uint64_t x) { return (x + TGDB_PAGE - 1) / TGDB_PAGE * TGDB_PAGE; }
 
-inline uint64_t tgdb_get_u64(const uint8_t* p) {
-  uint64_t v = 0;
-  for (int i = 7; i >= 0; --i) v = (v << 8) | p[i];
+// Little-endian reads from unaligned file bytes.
+template <class T>
+inline T tgdb_get_le(const uint8_t* p) {
+  T v;
+  memcpy(&v, p, sizeof v);
+  if constexpr (std::endian::native == std::endian::big) {
+    T r = 0;
+    for (size_t i = 0; i < sizeof v; ++i) r = T(r << 8 | p[sizeof v - 1 - i]);
+    v = r;
+  }
   return v;
 }
-inline uint32_t tgdb_get_u32(const uint8_t* p) {
-  return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
-}
-inline uint16_t tgdb_get_u16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | p[1] << 8); }
+inline uint64_t tgdb_get_u64(const uint8_t* p) { return tgdb_get_le<uint64_t>(p); }
+inline uint32_t tgdb_get_u32(const uint8_t* p) { return tgdb_get_le<uint32_t>(p); }
+inline uint16_t tgdb_get_u16(const uint8_t* p) { return tgdb_get_le<uint16_t>(p); }
 
 // A read-only shared mapping, unmapped on destruction. An empty region maps
 // nothing.

@@ -17,6 +17,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -31,47 +32,53 @@ namespace {
 constexpr size_t MAX_NREF = 1 << 24;
 constexpr uint64_t WALK_CAP = 20000;
 
-std::string expand(const uint8_t* data, size_t size) {
-  if (size == 0) return {};
-  if (data[0] == 'R') return std::string(reinterpret_cast<const char*>(data) + 1, size - 1);
-  std::string in(reinterpret_cast<const char*>(data) + 1, size - 1);
-  in.resize(std::max<size_t>(in.size(), TGDB_HEADER_SIZE + 1), '\0');
-  const uint8_t* h = reinterpret_cast<const uint8_t*>(in.data());
+// Writes the file an input stands for into the memory file `fd`. Only the
+// parts that differ from zero are written.
+bool expand(const uint8_t* data, size_t size, int fd) {
+  const auto put = [fd](const void* p, size_t n, uint64_t at) {
+    return n == 0 || pwrite(fd, p, n, off_t(at)) == ssize_t(n);
+  };
+  if (ftruncate(fd, 0) != 0) return false;
+  if (size == 0) return true;
+  if (data[0] == 'R') return put(data + 1, size - 1, 0);
+  std::vector<uint8_t> in(data + 1, data + size);
+  in.resize(std::max<size_t>(in.size(), TGDB_HEADER_SIZE + 1), 0);
+  const uint8_t* h = in.data();
   uint64_t r = 0;
   if ((tgdb_get_u32(h + 8) & TGDB_FLAG_NREF) && tgdb_get_u32(h + 12) != 0) r = tgdb_get_u32(h + 12);
-  if (r > MAX_NREF) return {};
+  if (r > MAX_NREF) return false;
   const uint64_t p1 = tgdb_round_up(TGDB_MIN_SIZE + r);
-  std::string file(p1, '\0');
-  memcpy(file.data(), in.data(), TGDB_HEADER_SIZE);
+  if (ftruncate(fd, off_t(p1)) != 0 || !put(h, TGDB_HEADER_SIZE, 0)) return false;
   size_t pos = TGDB_HEADER_SIZE;
-  size_t k = uint8_t(in[pos++]);
-  uint8_t* dir = reinterpret_cast<uint8_t*>(file.data()) + TGDB_HEADER_SIZE + r;
+  size_t k = in[pos++];
   for (; k > 0 && pos + 20 <= in.size(); --k, pos += 20) {
     const uint8_t* e = h + pos;
     uint32_t t = tgdb_get_u32(e) % TRIGRAM_COUNT;
     uint64_t offset = tgdb_get_u64(e + 12);
     if (offset != 0) offset += p1 - 1;
-    memcpy(dir + 16 * t, e + 4, 8);
-    for (int i = 0; i < 8; ++i) dir[16 * t + 8 + i] = uint8_t(offset >> (8 * i));
+    uint8_t entry[16];
+    memcpy(entry, e + 4, 8);
+    for (int i = 0; i < 8; ++i) entry[8 + i] = uint8_t(offset >> (8 * i));
+    if (!put(entry, 16, TGDB_HEADER_SIZE + r + 16 * uint64_t{t})) return false;
   }
-  if (pos < in.size()) file.append(in, pos, std::string::npos);
-  return file;
+  return pos >= in.size() || put(h + pos, in.size() - pos, p1);
 }
 
 void exercise(const std::shared_ptr<tgdb>& db) {
   search_context ctx;
   std::vector<int32_t> present;
+  uint64_t budget = WALK_CAP;
   for (int32_t t = 0; t < TRIGRAM_COUNT; ++t) {
     if (db->posting(t).empty()) continue;
     present.push_back(t);
+    // Hostile lists can hold ranges of billions of lines: share one budget.
     tracker walker(db, ctx, t);
     if (!walker.load()) continue;
-    uint64_t v, n = 0;
-    while (n++ < WALK_CAP && n_iter_next(walker, v)) {
-    }
+    uint64_t v;
+    while (budget > 0 && n_iter_next(walker, v)) --budget;
     tracker seeker(db, ctx, t);
     seeker.load();
-    for (uint64_t target = 0, step = 1; n++ < 2 * WALK_CAP && seeker.op_get(v); step = step * 3 + 1) {
+    for (uint64_t target = 0, step = 1; budget > 0 && seeker.op_get(v); step = step * 3 + 1, --budget) {
       target = std::max(target + step, v + 1);
       seeker.op_seek(target);
     }
@@ -185,8 +192,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::string file = expand(data, size);
-  if (ftruncate(memfd, 0) != 0 || pwrite(memfd, file.data(), file.size(), 0) != ssize_t(file.size())) abort();
+  if (!expand(data, size, memfd)) return 0;
   const std::string path = "/proc/self/fd/" + std::to_string(memfd);
   if (auto db = tgdb_open(path.c_str())) exercise(db);
   return 0;
