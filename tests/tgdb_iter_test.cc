@@ -133,13 +133,17 @@ class tgdb_iter_file : public ::testing::Test {
       lines.push_back(std::string(words[rng() % 6]) + std::to_string(rng() % 20) + "." + zones[rng() % 4] + "\tA\t" +
                       std::to_string(i));
     std::sort(lines.begin(), lines.end());
-    db = write(lines);
+    std::vector<std::string_view> views(lines.begin(), lines.end());
+    ASSERT_TRUE(tgdb_write(path, views, {.sync = false}, nullptr));
+    db = tgdb_open(path.c_str());
   }
 
-  std::shared_ptr<tgdb> write(const std::vector<std::string>& l) {
-    std::vector<std::string_view> views(l.begin(), l.end());
-    EXPECT_TRUE(tgdb_write(path, views, {.sync = false}, nullptr));
-    return tgdb_open(path.c_str());
+  // Overwrites bytes of the file and loads it again.
+  void patch(uint64_t offset, const void* bytes, size_t n) {
+    std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
+    f.seekp(std::streamoff(offset)).write(static_cast<const char*>(bytes), std::streamsize(n));
+    f.close();
+    db = tgdb_open(path.c_str());
   }
 
   std::vector<std::string> run(bool& failed) {
@@ -213,13 +217,7 @@ TEST_F(tgdb_iter_file, absent_trigram_empties_a_leaf_but_not_a_union) {
 
 TEST_F(tgdb_iter_file, corrupt_first_entry_fails_the_fill) {
   const int32_t id = trigram_id('z', 'o', 'n');
-  const uint64_t offset = db->posting(id).entries - db->file().data();
-  {
-    std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
-    f.seekp(std::streamoff(offset));
-    f.put(0x40);
-  }
-  db = tgdb_open(path.c_str());
+  patch(db->posting(id).entries - db->file().data(), "\x40", 1);
   log_capture log;
   bool failed = false;
   ctx.query = set_of("zone");
@@ -233,12 +231,7 @@ TEST_F(tgdb_iter_file, table_scan_reads_every_line_even_without_final_newline) {
   EXPECT_EQ(run(failed), lines);
   // Shorten the recorded table by its final newline.
   const uint64_t s = db->string_table().size() - 1;
-  {
-    std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
-    f.seekp(16);
-    f.write(reinterpret_cast<const char*>(&s), 8);
-  }
-  db = tgdb_open(path.c_str());
+  patch(16, &s, 8);
   EXPECT_EQ(run(failed), lines);
 }
 
