@@ -1,0 +1,199 @@
+// Loads mutated index files and walks every posting list and line.
+//
+// Index files are at least 1.1 MB, mostly an empty posting directory, so the
+// input is a compact form that expands into a whole file:
+//   'R' file...                  the file verbatim
+//   other byte, then:
+//     header[48]                 copied to offset 0
+//     k (1 byte), k x {u32 trigram, u64 count, u64 offset}
+//                                directory entries; offset 0 stays 0, any
+//                                other is taken relative to P1 - 1
+//     body...                    placed at P1 (string table, line index and
+//                                posting lists)
+// Running the target with VORN_FUZZ_WRITE_SEEDS=DIR writes seed inputs made
+// by the index writer into DIR and exits.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "log/log.h"
+#include "tgdb/tgdb.h"
+#include "tgdb/tgdb_iter.h"
+#include "tgdb/tgdb_writer.h"
+
+namespace {
+
+constexpr size_t MAX_NREF = 1 << 24;
+constexpr uint64_t WALK_CAP = 20000;
+
+// Writes the file an input stands for into the memory file `fd`. Only the
+// parts that differ from zero are written.
+bool expand(const uint8_t* data, size_t size, int fd) {
+  const auto put = [fd](const void* p, size_t n, uint64_t at) {
+    return n == 0 || pwrite(fd, p, n, off_t(at)) == ssize_t(n);
+  };
+  if (ftruncate(fd, 0) != 0) return false;
+  if (size == 0) return true;
+  if (data[0] == 'R') return put(data + 1, size - 1, 0);
+  std::vector<uint8_t> in(data + 1, data + size);
+  in.resize(std::max<size_t>(in.size(), TGDB_HEADER_SIZE + 1), 0);
+  const uint8_t* h = in.data();
+  uint64_t r = 0;
+  if ((tgdb_get_u32(h + 8) & TGDB_FLAG_NREF) && tgdb_get_u32(h + 12) != 0) r = tgdb_get_u32(h + 12);
+  if (r > MAX_NREF) return false;
+  const uint64_t p1 = tgdb_round_up(TGDB_MIN_SIZE + r);
+  if (ftruncate(fd, off_t(p1)) != 0 || !put(h, TGDB_HEADER_SIZE, 0)) return false;
+  size_t pos = TGDB_HEADER_SIZE;
+  size_t k = in[pos++];
+  for (; k > 0 && pos + 20 <= in.size(); --k, pos += 20) {
+    const uint8_t* e = h + pos;
+    uint32_t t = tgdb_get_u32(e) % TRIGRAM_COUNT;
+    uint64_t offset = tgdb_get_u64(e + 12);
+    if (offset != 0) offset += p1 - 1;
+    uint8_t entry[16];
+    memcpy(entry, e + 4, 8);
+    for (int i = 0; i < 8; ++i) entry[8 + i] = uint8_t(offset >> (8 * i));
+    if (!put(entry, 16, TGDB_HEADER_SIZE + r + 16 * uint64_t{t})) return false;
+  }
+  return pos >= in.size() || put(h + pos, in.size() - pos, p1);
+}
+
+void exercise(const std::shared_ptr<tgdb>& db) {
+  search_context ctx;
+  std::vector<int32_t> present;
+  uint64_t budget = WALK_CAP;
+  for (int32_t t = 0; t < TRIGRAM_COUNT; ++t) {
+    if (db->posting(t).empty()) continue;
+    present.push_back(t);
+    // Hostile lists can hold ranges of billions of lines: share one budget.
+    tracker walker(db, ctx, t);
+    if (!walker.load()) continue;
+    uint64_t v;
+    while (budget > 0 && n_iter_next(walker, v)) --budget;
+    tracker seeker(db, ctx, t);
+    seeker.load();
+    for (uint64_t target = 0, step = 1; budget > 0 && seeker.op_get(v); step = step * 3 + 1, --budget) {
+      target = std::max(target + step, v + 1);
+      seeker.op_seek(target);
+    }
+  }
+  // A query over the first few lists, as unions and intersections.
+  if (present.size() >= 2) {
+    auto set = [](std::vector<int32_t> ids) {
+      auto q = std::make_unique<trigram_query>();
+      q->type = TQ_SET;
+      q->ids = std::move(ids);
+      return q;
+    };
+    auto root = std::make_unique<trigram_query>();
+    root->type = TQ_UNION;
+    root->members.push_back(set({present[0], present[1]}));
+    root->members.push_back(set({present.back()}));
+    ctx.query = std::move(root);
+    bool failed;
+    if (auto src = make_candidate_source(db, ctx, failed)) {
+      std::string_view line;
+      for (uint64_t n = 0; n < WALK_CAP && src->get(line); ++n) {
+      }
+    }
+    ctx.query.reset();
+  }
+  bool failed;
+  auto scan = make_candidate_source(db, ctx, failed);
+  std::string_view line;
+  uint64_t lines = 0;
+  while (scan->get(line)) ++lines;
+  // Lines in order (through the cache), then backwards (through the index).
+  uint64_t n = 0;
+  for (; n < WALK_CAP; ++n) {
+    const char* p = tgdb_line(*db, n);
+    if (!p) break;
+    tgdb_line_text(*db, p);
+  }
+  for (uint64_t i = n + 70; i-- > 0;) {
+    if (const char* p = tgdb_line(*db, i)) tgdb_line_text(*db, p);
+  }
+}
+
+void write_seeds(const char* dir) {
+  struct seed {
+    std::vector<std::string> lines;
+    tgdb_write_options opts;
+  };
+  std::vector<seed> seeds;
+  seeds.push_back({{"a.example.com\tA\t1", "b.example.com\tA\t2", "mail.example.com\tMX\t3"}, {}});
+  seed many;
+  for (int i = 0; i < 150; ++i) many.lines.push_back("h" + std::to_string(i % 40) + ".ex\tA\t" + std::string(i % 7, 'x'));
+  many.opts.rdata = true;
+  many.opts.has_time_range = true;
+  many.opts.first_seen = 1000;
+  many.opts.last_seen = 2000;
+  seeds.push_back(many);
+  seed runs;
+  for (int i = 0; i < 300; ++i) runs.lines.push_back(std::string(i < 200 ? "aaa" : "zzz") + std::to_string(i * 7 % 1000));
+  seeds.push_back(runs);
+  int number = 0;
+  for (const seed& s : seeds) {
+    std::string path = std::string(dir) + "/tmp.tgdb";
+    std::vector<std::string_view> views(s.lines.begin(), s.lines.end());
+    std::string err;
+    if (!tgdb_write(path, views, s.opts, &err)) {
+      fprintf(stderr, "%s\n", err.c_str());
+      exit(1);
+    }
+    auto db = tgdb_open(path.c_str());
+    std::span<const uint8_t> f = db->file();
+    const uint64_t p1 = tgdb_round_up(TGDB_MIN_SIZE + TGDB_NREF_SIZE);
+    std::string out = "C";
+    out.append(reinterpret_cast<const char*>(f.data()), TGDB_HEADER_SIZE);
+    std::string entries;
+    int k = 0;
+    for (int32_t t = 0; t < TRIGRAM_COUNT && k < 255; ++t) {
+      const uint8_t* e = f.data() + TGDB_HEADER_SIZE + TGDB_NREF_SIZE + 16 * size_t(t);
+      uint64_t count = tgdb_get_u64(e), offset = tgdb_get_u64(e + 8);
+      if (count == 0 || offset == 0) continue;
+      uint64_t rel = offset - p1 + 1;
+      entries.append(reinterpret_cast<const char*>(&t), 4);
+      entries.append(reinterpret_cast<const char*>(&count), 8);
+      entries.append(reinterpret_cast<const char*>(&rel), 8);
+      ++k;
+    }
+    out += char(k);
+    out += entries;
+    out.append(reinterpret_cast<const char*>(f.data()) + p1, f.size() - p1);
+    FILE* o = fopen((std::string(dir) + "/seed" + std::to_string(number++)).c_str(), "wb");
+    fwrite(out.data(), 1, out.size(), o);
+    fclose(o);
+    unlink(path.c_str());
+  }
+  FILE* o = fopen((std::string(dir) + "/raw-short").c_str(), "wb");
+  fwrite("RQXVTRI\0\0", 1, 9, o);
+  fclose(o);
+}
+
+int memfd = -1;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  if (const char* dir = getenv("VORN_FUZZ_WRITE_SEEDS")) {
+    write_seeds(dir);
+    exit(0);
+  }
+  log_set_level(LOG_FAILURE);  // keep the fuzzer's output readable
+  memfd = memfd_create("tgdb-fuzz", MFD_CLOEXEC);
+  return memfd < 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (!expand(data, size, memfd)) return 0;
+  const std::string path = "/proc/self/fd/" + std::to_string(memfd);
+  if (auto db = tgdb_open(path.c_str())) exercise(db);
+  return 0;
+}

@@ -1,0 +1,209 @@
+// Index files end to end: the writer's output read back through the loader,
+// and the loader's refusals of damaged files.
+#include "tgdb/tgdb.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <random>
+
+#include "log/log.h"
+#include "tests/support/temp_dir.h"
+#include "tgdb/tgdb_iter.h"
+#include "tgdb/tgdb_writer.h"
+
+namespace {
+
+struct log_capture {  // log output while it lives
+  char* buf = nullptr;
+  size_t len = 0;
+  FILE* f = open_memstream(&buf, &len);
+  FILE* old = log_get_stream();
+  log_capture() { log_set_stream(f), log_set_level(LOG_TRACE); }
+  ~log_capture() { log_set_stream(old), log_set_level(LOG_INFO), fclose(f), free(buf); }
+  std::string text() { return fflush(f), std::string(buf, len); }
+};
+
+int property_count() {
+  const char* s = getenv("VORN_PROPERTY_COUNT");
+  return s ? atoi(s) : 20;
+}
+
+// Owner-name-like keys with a tab and data of random (odd and even) length;
+// now and then a line long enough that a checkpoint distance overflows.
+std::vector<std::string> random_lines(std::mt19937_64& rng, size_t n, int long_one_in) {
+  std::vector<std::string> out;
+  static const char alphabet[] = "abcdefghijklmnopqrstuvwxyz0123456789-_.";
+  for (size_t i = 0; i < n; ++i) {
+    std::string s;
+    for (size_t j = 1 + rng() % 30; j--;) s += alphabet[rng() % (sizeof alphabet - 1)];
+    s += "\tA\t";
+    s.append(rng() % long_one_in == 0 ? 20000 + rng() % 5 : rng() % 41, 'x');
+    out.push_back(s);
+  }
+  return out;
+}
+
+std::shared_ptr<tgdb> write_and_open(const temp_dir& dir, const std::vector<std::string>& lines,
+                                     const tgdb_write_options& opts = {}) {
+  std::vector<std::string_view> views(lines.begin(), lines.end());
+  std::string err, path = dir.file("t.tgdb");
+  EXPECT_TRUE(tgdb_write(path, views, opts, &err)) << err;
+  return tgdb_open(path.c_str());
+}
+
+std::string line_at(const tgdb& db, uint64_t n) {
+  const char* p = tgdb_line(db, n);
+  return p ? std::string(tgdb_line_text(db, p)) : "<null>";
+}
+
+TEST(tgdb, round_trip_lines_and_postings) {
+  std::mt19937_64 rng(1);
+  temp_dir dir;
+  search_context ctx;
+  for (int round = 0; round < property_count(); ++round) {
+    const bool long_lines = round % 4 == 1;
+    const size_t n = round % 4 == 0 ? rng() % 64 : long_lines ? 200 : rng() % 5000;
+    auto lines = random_lines(rng, n, long_lines ? 2 : 1000);
+    auto db = write_and_open(dir, lines, {.sync = false});
+    ASSERT_TRUE(db);
+    ASSERT_EQ(db->line_count_hint(), n);
+    if (long_lines) {  // some checkpoint distance was too large to record
+      bool unrecorded = false;
+      for (size_t e = 0; e + 1 < n / 64; ++e)
+        unrecorded |= tgdb_get_u16(db->line_index().data() + 14 * e + 8) == 0;
+      ASSERT_TRUE(unrecorded);
+    }
+    // Random order goes through the line index; sequential order mostly
+    // through the per-thread cache.
+    for (size_t k = 0; k < 2 * n; ++k) {
+      uint64_t i = rng() % n;
+      ASSERT_EQ(line_at(*db, i), lines[i]) << "line " << i << " of " << n;
+    }
+    for (size_t i = 0; i < n; ++i) ASSERT_EQ(line_at(*db, i), lines[i]);
+    for (uint64_t past : {uint64_t(n), n + 1, n + 64, uint64_t(1) << 40}) EXPECT_EQ(tgdb_line(*db, past), nullptr);
+
+    std::map<int32_t, std::vector<uint64_t>> want;
+    for (size_t i = 0; i < n; ++i)
+      for (int32_t id : literal_trigram_ids(lines[i].substr(0, lines[i].find('\t')), true, true))
+        want[id].push_back(i);
+    for (int32_t t = 0; t < TRIGRAM_COUNT; ++t) {
+      tgdb_posting p = db->posting(t);
+      auto w = want.find(t);
+      ASSERT_EQ(p.empty(), w == want.end());
+      if (p.empty()) continue;
+      ASSERT_EQ(p.nref, w->second.size());
+      tracker tr(db, ctx, t);
+      ASSERT_TRUE(tr.load());
+      std::vector<uint64_t> got;
+      for (uint64_t v; n_iter_next(tr, v);) got.push_back(v);
+      ASSERT_EQ(got, w->second) << "trigram " << t;
+    }
+  }
+}
+
+TEST(tgdb, header_records_kind_and_time_range) {
+  temp_dir dir;
+  auto db = write_and_open(dir, {"a.example\tx"}, {.rdata = true, .has_time_range = true, .first_seen = 100, .last_seen = 200});
+  ASSERT_TRUE(db);
+  EXPECT_EQ(db->flags(), TGDB_FLAG_NREF | TGDB_FLAG_RDATA | TGDB_FLAG_TIME_RANGE);
+  EXPECT_EQ(db->first_seen() * 1000 + db->last_seen(), 100200u);
+  db = write_and_open(dir, {});  // no lines at all
+  ASSERT_TRUE(db);
+  EXPECT_EQ(db->flags(), TGDB_FLAG_NREF);
+}
+
+TEST(tgdb, writer_refuses_bad_lines_and_leaves_no_file) {
+  temp_dir dir;
+  for (std::string_view bad : {"", "a\nb"}) {
+    std::vector<std::string_view> lines{"ok", bad};
+    std::string err;
+    EXPECT_FALSE(tgdb_write(dir.file("t.tgdb"), lines, {}, &err));
+    EXPECT_NE(err.find("line 1"), std::string::npos) << err;
+  }
+  EXPECT_EQ(system(("test -z \"$(ls -A " + dir.path() + ")\"").c_str()), 0);
+}
+
+TEST(tgdb, next_line_comes_from_the_cache) {
+  temp_dir dir;
+  std::vector<std::string> lines;
+  for (int i = 0; i < 200; ++i) lines.push_back("host" + std::to_string(i));
+  std::vector<std::string_view> views(lines.begin(), lines.end());
+  std::string path = dir.file("t.tgdb");
+  ASSERT_TRUE(tgdb_write(path, views, {.sync = false}, nullptr));
+  // Point the second block's entry at the start of the table: only lookups
+  // that consult the line index see the damage.
+  const uint64_t p1 = tgdb_round_up(TGDB_MIN_SIZE + TGDB_NREF_SIZE);
+  const uint64_t s = [&] { auto db = tgdb_open(path.c_str()); return db->string_table().size(); }();
+  std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
+  f.seekp(std::streamoff(tgdb_round_up(p1 + s) + TGDB_LINE_ENTRY_SIZE));
+  f.write("\0\0\0\0\0\0\0\0", 8);
+  f.close();
+  auto db = tgdb_open(path.c_str());
+  EXPECT_EQ(line_at(*db, 63), "host63");
+  EXPECT_EQ(line_at(*db, 64), "host64");
+  EXPECT_EQ(line_at(*db, 65), "host65");
+  EXPECT_EQ(line_at(*db, 3), "host3");
+  EXPECT_EQ(line_at(*db, 65), "host1");
+}
+
+// A minimal well-formed file: header, empty directory, empty tables.
+std::string craft(uint32_t flags, uint32_t r, uint64_t s, uint64_t l) {
+  std::string f(tgdb_round_up(TGDB_MIN_SIZE + r), '\0');
+  memcpy(f.data(), TGDB_MAGIC, 8);
+  memcpy(f.data() + 8, &flags, 4), memcpy(f.data() + 12, &r, 4);
+  memcpy(f.data() + 16, &s, 8), memcpy(f.data() + 24, &l, 8);
+  return f;
+}
+
+TEST(tgdb, loader_refuses_damaged_files) {
+  temp_dir dir;
+  std::string base = craft(0, 0, 0, 0);
+  std::string with_list = base;
+  const uint64_t list[2] = {2, base.size() - 9};  // one byte too long
+  memcpy(with_list.data() + 48 + 16 * 3403, list, 16);
+  std::string bad_magic = base;
+  bad_magic[7] = 1;
+  struct {
+    std::string file, message;
+  } cases[] = {
+      {base.substr(0, TGDB_MIN_SIZE - 1), "smaller than minimum header size of 1102784 bytes"},
+      {std::string(TGDB_MIN_SIZE, '\0'), "missing magic header value!"},
+      {bad_magic, "missing magic header value!"},
+      {craft(TGDB_FLAG_NREF, TGDB_NREF_SIZE - 1, 0, 0), "Error: real nref table was shorter than expected!"},
+      {craft(0, 0, 1, 0), "lies outside the file: string table"},
+      {craft(0, 0, 0, 1), "lies outside the file: line index"},
+      {craft(0, 0, uint64_t(-1), 0), "lies outside the file: string table"},
+      {with_list, "lies outside the file: posting list abc"},
+  };
+  for (const auto& c : cases) {
+    log_capture log;
+    std::string path = dir.write("bad.tgdb", c.file);
+    EXPECT_EQ(tgdb_open(path.c_str()), nullptr) << c.message;
+    EXPECT_NE(log.text().find(c.message), std::string::npos) << log.text();
+    EXPECT_NE(log.text().find("Error: could not deserialize trigram index from file: " + path), std::string::npos);
+  }
+  log_capture log;
+  EXPECT_EQ(tgdb_open(dir.file("missing").c_str()), nullptr);
+  EXPECT_NE(log.text().find("Error opening database file \"" + dir.file("missing") + "\": No such file"),
+            std::string::npos);
+}
+
+TEST(tgdb, loader_accepts_minimal_files) {
+  // The nref flag with a zero length means no table; a list ending exactly
+  // at the end of the file is inside it.
+  std::string f = craft(TGDB_FLAG_NREF, 0, 0, 0);
+  const uint64_t list[2] = {2, f.size() - 10};
+  memcpy(f.data() + 48 + 16 * 3403, list, 16);
+  temp_dir dir;
+  auto db = tgdb_open(dir.write("ok.tgdb", f).c_str());
+  ASSERT_TRUE(db);
+  EXPECT_EQ(db->posting(3403).count, 2u);
+  EXPECT_TRUE(db->posting(0).empty());
+}
+
+}  // namespace
