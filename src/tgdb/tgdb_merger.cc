@@ -1,0 +1,288 @@
+#include "tgdb/tgdb_merger.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+#include "libmy/my_time.h"
+#include "log/log.h"
+#include "tgdb/deadline.h"
+#include "tgdb/record_line.h"
+#include "trigram/matcher.h"
+
+namespace {
+
+constexpr size_t npos = std::string_view::npos;
+
+// The key is what the pattern is matched against: the text before the tab.
+std::string_view key_of(std::string_view line) { return line.substr(0, line.find('\t')); }
+
+std::string_view value_of(std::string_view line) {
+  const size_t tab = line.find('\t');
+  return tab == npos ? line : line.substr(tab + 1);
+}
+
+void widen(search_entry& into, const search_entry& e) {
+  into.count += e.count;
+  into.time_first = std::min(into.time_first, e.time_first);
+  into.time_last = std::max(into.time_last, e.time_last);
+}
+
+}  // namespace
+
+// One added file: its candidate stream and the line it currently offers. The
+// line points into the file's mapping, which the source keeps alive.
+struct tgdb_merger::file_entry {
+  std::unique_ptr<candidate_source> source;
+  std::string_view line;
+  uint64_t last_page = 0;  // last 4,096-byte page counted for this file
+};
+
+int tgdb_merger::entry_order::operator()(const entry_ptr& a, const entry_ptr& b) const {
+  return compare(a->line, b->line);
+}
+
+tgdb_merger::tgdb_merger(search_context& ctx, bool rdata)
+    : ctx_(ctx),
+      compare_(rdata ? compare_rdata_lines : compare_rrname_lines),
+      merge_(rdata ? merge_rdata : merge_rrname),
+      heap_(entry_order{compare_}),
+      rdata_(rdata) {}
+
+tgdb_merger::~tgdb_merger() = default;
+
+void tgdb_merger::add_file(std::shared_ptr<const tgdb> index) {
+  if (!index || index->is_rdata() != rdata_ || finished_) return;
+  const std::string& path = index->path();
+  if (index->has_time_range()) {
+    const int64_t first = index->first_seen(), last = index->last_seen();
+    // Widened before the filter, so that a skipped file still bounds the
+    // complete-mode checks of next().
+    if (earliest_first_seen_ == 0 || earliest_first_seen_ > first) earliest_first_seen_ = first;
+    if (last > latest_last_seen_) latest_last_seen_ = last;
+    if (!file_time_filter(ctx_, first, last)) {
+      log_printf(LOG_DEBUG, "Skipping %s due to time filter", path.c_str());
+      return;
+    }
+  }
+  log_printf(LOG_DETAIL, "Adding %s to merger", path.c_str());
+
+  try {
+    bool failed = false;
+    auto source = make_candidate_source(index, ctx_, failed);
+    if (!source) {
+      if (failed) {
+        log_printf(LOG_ERROR, "Error: failed to initialize tracker!");
+      } else {
+        log_printf(LOG_DEBUG, "Warning: search yielded no possible answers.");
+      }
+      return;
+    }
+    if (failed) return;
+    std::string_view line;
+    if (!source->get(line)) return;
+    auto entry = std::make_unique<file_entry>(file_entry{std::move(source), line});
+    file_entry& added = *entry;
+    heap_.push(std::move(entry));
+    count_read(added);
+  } catch (const search_timeout&) {
+    finished_ = true;
+  }
+}
+
+std::unique_ptr<search_result> tgdb_merger::next() {
+  if (finished_) return nullptr;
+  // No file can hold a record lying wholly inside the requested range.
+  if (ctx_.has_time_first_after && ctx_.time_first_after > latest_last_seen_) {
+    log_printf(LOG_DEBUG, "time_first_after out of range, finishing query");
+    finished_ = true;
+    return nullptr;
+  }
+  if (ctx_.has_time_last_before && ctx_.time_last_before < earliest_first_seen_) {
+    log_printf(LOG_DEBUG, "time_last_before out of range, finishing query");
+    finished_ = true;
+    return nullptr;
+  }
+  ctx_.candidates = ctx_.pattern_matches = ctx_.bytes_read = ctx_.pages_read = 0;
+  ctx_.first_match = {};
+  try {
+    return gather();
+  } catch (const search_timeout&) {
+    // The result being gathered is dropped; the heap stays consistent.
+    return nullptr;
+  }
+}
+
+std::unique_ptr<search_result> tgdb_merger::gather() {
+  std::unique_ptr<search_result> pending;
+  bool rejected = false;  // the current key's first line did not match
+  while (entry_ptr* slot = heap_.peek()) {
+    file_entry* top = slot->get();
+    bool first_of_key = false;
+    if (!has_key_ || compare_(current_key_, top->line) != 0) {
+      current_key_.assign(top->line);
+      has_key_ = true;
+      if (pending) {
+        // The top line opens the next call's key and stays in the heap.
+        if (auto kept = finish(std::move(pending))) return kept;
+      }
+      rejected = false;
+      first_of_key = true;
+    } else if (rejected) {
+      // Skipped unmatched: the key was matched once, on its first line.
+    } else if (pending) {
+      merge_(pending, top->line);
+    } else {
+      // The key a previous call stopped at, or one whose earlier lines did
+      // not parse.
+      first_of_key = true;
+    }
+
+    if (first_of_key) {
+      ++ctx_.candidates;
+      const std::string_view key = key_of(top->line);
+      if (match_line(ctx_, key.data(), key.size())) {
+        if (ctx_.pattern_matches == 0) ctx_.first_match = my_time_now();
+        ++ctx_.pattern_matches;
+        merge_(pending, top->line);
+      } else {
+        rejected = true;
+      }
+    }
+
+    std::string_view line;
+    if (!top->source->get(line)) {
+      heap_.pop();
+      continue;
+    }
+    top->line = line;
+    heap_.siftup(0);
+    count_read(*top);
+  }
+  if (pending) return finish(std::move(pending));
+  return nullptr;
+}
+
+std::unique_ptr<search_result> tgdb_merger::finish(std::unique_ptr<search_result> res) const {
+  if (!finish_result(ctx_, *res)) return nullptr;
+  return res;
+}
+
+void tgdb_merger::count_read(file_entry& entry) {
+  // Pages are counted per file on the assumption that its lines ascend in
+  // memory, so a page shared by two consecutive lines counts once.
+  const uint64_t n = entry.line.size();
+  const uint64_t a = reinterpret_cast<uintptr_t>(entry.line.data());
+  const uint64_t first = a / TGDB_PAGE, last = (a + n + 1) / TGDB_PAGE;
+  ctx_.bytes_read += n + 1;
+  ctx_.pages_read += first > entry.last_page ? last - first + 1 : last - first;
+  entry.last_page = last;
+}
+
+std::unique_ptr<tgdb_merger> search_create(search_context& ctx, bool rdata) {
+  return std::make_unique<tgdb_merger>(ctx, rdata);
+}
+
+void search_add_index(tgdb_merger& search, std::shared_ptr<const tgdb> index) {
+  search.add_file(std::move(index));
+}
+
+std::unique_ptr<search_result> search_next(tgdb_merger& search) { return search.next(); }
+
+void merge_rrname(std::unique_ptr<search_result>& slot, std::string_view line) {
+  const bool created = !slot;
+  if (created) {
+    slot = std::make_unique<search_result>();
+    slot->name = key_of(line);
+  }
+  std::vector<search_entry> parsed = parse_rrname_value(value_of(line));
+  if (parsed.empty()) {
+    if (created) slot.reset();
+    return;
+  }
+  std::vector<search_entry>& entries = slot->entries;
+  if (entries.empty()) {
+    entries = std::move(parsed);
+    return;
+  }
+  for (const search_entry& e : parsed) {
+    auto same = std::find_if(entries.begin(), entries.end(), [&](const search_entry& x) { return x.rrtype == e.rrtype; });
+    if (same != entries.end()) {
+      widen(*same, e);
+    } else {
+      entries.push_back(e);
+    }
+  }
+}
+
+void merge_rdata(std::unique_ptr<search_result>& slot, std::string_view line) {
+  const bool created = !slot;
+  if (created) {
+    slot = std::make_unique<search_result>();
+    slot->name = key_of(line);
+  }
+  const std::string_view value = value_of(line);
+  if (slot->rdata.empty()) {
+    slot->rdata = decode_rdata(value);
+    if (slot->rdata.empty()) {
+      if (created) slot.reset();
+      return;
+    }
+  }
+  const auto parsed = parse_rdata_value(value);
+  if (!parsed) {
+    if (created) slot.reset();
+    return;
+  }
+  if (slot->entries.empty()) {
+    slot->entries.push_back(parsed->entry);
+    slot->wildcard = parsed->entry.rrtype == 6;
+    return;
+  }
+  // The rdata ordering groups only lines of one type, unless a line it
+  // could not parse sits in the group: such a file is corrupt, and the line
+  // of the other type is left out.
+  search_entry& existing = slot->entries.front();
+  if (existing.rrtype != parsed->entry.rrtype) return;
+  widen(existing, parsed->entry);
+}
+
+bool finish_result(const search_context& ctx, search_result& res) {
+  std::vector<search_entry> kept;
+  kept.reserve(res.entries.size());
+  for (search_entry e : res.entries) {
+    if (e.time_last == 0) e.time_last = e.time_first;
+    if (e.count == 0) e.count = 1;  // a line without a count was still seen once
+    if (type_filter(ctx, e.rrtype) && time_filter(ctx, e.time_first, e.time_last) && count_filter(ctx, e.count))
+      kept.push_back(e);
+  }
+  if (kept.empty()) return false;
+  res.entries = std::move(kept);
+  return true;
+}
+
+bool time_filter(const search_context& ctx, int64_t first_seen, int64_t last_seen) {
+  if (ctx.has_time_first_before && first_seen > ctx.time_first_before) return false;
+  if (ctx.has_time_first_after && first_seen < ctx.time_first_after) return false;
+  if (ctx.has_time_last_before && last_seen > ctx.time_last_before) return false;
+  if (ctx.has_time_last_after && last_seen < ctx.time_last_after) return false;
+  return true;
+}
+
+bool count_filter(const search_context& ctx, uint64_t count) {
+  return count >= ctx.count_min && (ctx.count_max == 0 || count <= ctx.count_max);
+}
+
+bool type_filter(const search_context& ctx, uint16_t rrtype) {
+  return ctx.rrtype_filter == 0 || ctx.rrtype_filter == rrtype;
+}
+
+bool file_time_filter(const search_context& ctx, int64_t first_seen, int64_t last_seen) {
+  if (!ctx.has_time_first_after && !ctx.has_time_first_before && !ctx.has_time_last_after &&
+      !ctx.has_time_last_before)
+    return true;
+  if (ctx.has_time_first_after || ctx.has_time_last_before) return true;
+  if (ctx.has_time_first_before && ctx.time_first_before > first_seen) return true;
+  if (ctx.has_time_last_after) return ctx.time_last_after < last_seen;
+  return false;
+}
