@@ -53,11 +53,6 @@ TEST_F(data_source_files, index_list_keeps_one_kind) {
   EXPECT_FALSE(index_list_add(*list, dir.file("junk.idx").c_str()));
   EXPECT_TRUE(log.contains("rdata file " + dir.file("r.idx") + " rejected from rrname file list\n"));
   EXPECT_EQ(search(*index_list_data_source(*list)), (strings{"a.test\t4:10:1", "b.test\tn:20:2"}));
-
-  auto rdata = index_list_create();
-  EXPECT_TRUE(index_list_add(*rdata, dir.file("r.idx").c_str()));
-  EXPECT_FALSE(index_list_add(*rdata, dir.file("a.idx").c_str()));
-  EXPECT_EQ(search(*index_list_data_source(*rdata)), (strings{"10.0.0.1\t4:10:1"}));
 }
 
 TEST_F(data_source_files, fileset_loads_what_it_can_of_the_first_kind) {

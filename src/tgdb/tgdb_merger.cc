@@ -129,7 +129,7 @@ std::unique_ptr<search_result> tgdb_merger::gather() {
       rejected = false;
       first_of_key = true;
     } else if (rejected) {
-      // Skipped unmatched: the key was matched once, on its first line.
+      // Not matched again: a key is matched once, on its first line.
     } else if (pending) {
       merge_(pending, top->line);
     } else {
@@ -145,6 +145,7 @@ std::unique_ptr<search_result> tgdb_merger::gather() {
         if (ctx_.pattern_matches == 0) ctx_.first_match = my_time_now();
         ++ctx_.pattern_matches;
         merge_(pending, top->line);
+        rejected = false;
       } else {
         rejected = true;
       }
@@ -206,7 +207,8 @@ void merge_rrname(std::unique_ptr<search_result>& slot, std::string_view line) {
     return;
   }
   for (const search_entry& e : parsed) {
-    auto same = std::find_if(entries.begin(), entries.end(), [&](const search_entry& x) { return x.rrtype == e.rrtype; });
+    auto same = std::find_if(entries.begin(), entries.end(),
+                             [&](const search_entry& x) { return x.rrtype == e.rrtype; });
     if (same != entries.end()) {
       widen(*same, e);
     } else {
