@@ -1,0 +1,639 @@
+// The run: inputs are read on this thread and cut into chunks of whole
+// lines; worker threads parse the chunks (and whole zone files) into their
+// own tables; the tables are merged, and the two files are sorted and
+// written concurrently.
+#include <getopt.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cinttypes>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <limits>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "aggregate.h"
+#include "cli.h"
+#include "dns_text.h"
+#include "input.h"
+#include "ixbake.h"
+#include "json_record.h"
+#include "log/log.h"
+#include "tgdb/record_line.h"
+#include "tgdb/tgdb_writer.h"
+#include "zone_reader.h"
+
+namespace {
+
+constexpr size_t CHUNK_BYTES = size_t{1} << 20;
+// Bad records are each reported up to this many; the summary counts them all.
+constexpr uint64_t SHOWN_BAD_RECORDS = 100;
+
+std::string quoted(std::string_view s) {
+  constexpr size_t cut = 60;
+  std::string out = "\"";
+  out.append(s.substr(0, cut));
+  if (s.size() > cut) out += "...";
+  escape_control_bytes(out);
+  return out + "\"";
+}
+
+// Standard error is shared by the progress line, bad-record reports and
+// fatal errors, from several threads.
+class reporter {
+ public:
+  reporter(bool progress, bool strict) : progress_(progress), strict_(strict) {}
+  ~reporter() { end_progress(); }
+
+  std::atomic<uint64_t> records{0};
+  std::atomic<uint64_t> skipped{0};
+  // Set on a fatal error, or on a bad record under --strict: everyone stops.
+  std::atomic<bool> stop{false};
+
+  void bad(const std::string& input, uint64_t line, const std::string& reason, uint64_t n = 1) {
+    skipped += n;
+    std::lock_guard lock(mu_);
+    if (strict_) {
+      if (stop.exchange(true)) return;  // only the first one counts
+    }
+    if (++bad_shown_ > SHOWN_BAD_RECORDS) {
+      if (bad_shown_ == SHOWN_BAD_RECORDS + 1) put("further bad records are counted but not shown");
+      return;
+    }
+    put(input + ":" + std::to_string(line) + ": " + reason);
+  }
+
+  void fatal(const std::string& text) {
+    std::lock_guard lock(mu_);
+    if (!fatal_.empty()) return;
+    fatal_ = text;
+    stop = true;
+  }
+  const std::string& fatal_text() const { return fatal_; }
+
+  void say(const std::string& text) {
+    std::lock_guard lock(mu_);
+    put(text);
+  }
+
+  void phase(const char* name) { phase_ = name; }
+
+  void start_progress() {
+    if (!progress_) return;
+    started_ = std::chrono::steady_clock::now();
+    ticker_ = std::thread([this] {
+      std::unique_lock lock(mu_);
+      while (!done_) {
+        tick_cv_.wait_for(lock, std::chrono::milliseconds(250));
+        if (done_) break;
+        const double secs =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
+        const uint64_t n = records.load();
+        fprintf(stderr, "\r\033[Kixbake: %s: %" PRIu64 " records, %.0f records/s, %.0fs", phase_.load(), n,
+                secs > 0 ? double(n) / secs : 0.0, secs);
+        fflush(stderr);
+        shown_ = true;
+      }
+    });
+  }
+
+  void end_progress() {
+    if (!ticker_.joinable()) return;
+    {
+      std::lock_guard lock(mu_);
+      done_ = true;
+      clear_line();
+    }
+    tick_cv_.notify_all();
+    ticker_.join();
+  }
+
+ private:
+  void clear_line() {
+    if (shown_) fputs("\r\033[K", stderr);
+    shown_ = false;
+  }
+  void put(const std::string& text) {
+    clear_line();
+    fprintf(stderr, "ixbake: %s\n", text.c_str());
+  }
+
+  const bool progress_, strict_;
+  std::mutex mu_;
+  std::condition_variable tick_cv_;
+  std::thread ticker_;
+  std::chrono::steady_clock::time_point started_;
+  std::atomic<const char*> phase_{"reading"};
+  bool done_ = false, shown_ = false;
+  uint64_t bad_shown_ = 0;
+  std::string fatal_;
+};
+
+// One unit of work: a chunk of lines of a line-based input, or a whole zone
+// file (its directives make it sequential).
+struct task {
+  std::shared_ptr<const std::string> name;
+  input_format format = input_format::json;
+  line_chunk chunk;
+  std::unique_ptr<input_reader> zone;
+};
+
+class task_queue {
+ public:
+  explicit task_queue(size_t capacity) : capacity_(capacity) {}
+  void push(task t) {
+    std::unique_lock lock(mu_);
+    not_full_.wait(lock, [&] { return tasks_.size() < capacity_; });
+    tasks_.push_back(std::move(t));
+    not_empty_.notify_one();
+  }
+  std::optional<task> pop() {
+    std::unique_lock lock(mu_);
+    not_empty_.wait(lock, [&] { return !tasks_.empty() || closed_; });
+    if (tasks_.empty()) return std::nullopt;
+    task t = std::move(tasks_.front());
+    tasks_.pop_front();
+    not_full_.notify_one();
+    return t;
+  }
+  void close() {
+    std::lock_guard lock(mu_);
+    closed_ = true;
+    not_empty_.notify_all();
+  }
+
+ private:
+  const size_t capacity_;
+  std::mutex mu_;
+  std::condition_variable not_full_, not_empty_;
+  std::deque<task> tasks_;
+  bool closed_ = false;
+};
+
+// A parsing thread's state: its tables and its parsers.
+class worker {
+ public:
+  worker(const bake_options& o, reporter& r)
+      : opts_(o),
+        rep_(r),
+        want_rrname_(o.kind != index_kind::rdata),
+        want_rdata_(o.kind != index_kind::rrname) {}
+
+  aggregator agg;
+
+  void run(task_queue& q) {
+    while (auto t = q.pop()) {
+      if (rep_.stop) continue;  // drain without work
+      if (t->zone) {
+        zone(*t);
+      } else {
+        chunk(*t);
+      }
+    }
+  }
+
+ private:
+  void chunk(task& t) {
+    const char* p = t.chunk.data.data();
+    const char* end = p + t.chunk.size;
+    const char* buffer_end = t.chunk.data.data() + t.chunk.data.size();
+    uint64_t line_no = t.chunk.first_line;
+    for (; p < end && !rep_.stop; ++line_no) {
+      const char* nl = static_cast<const char*>(memchr(p, '\n', size_t(end - p)));
+      const size_t len = size_t(nl - p);
+      if (std::string_view(p, len).find_first_not_of(" \t\r") != std::string_view::npos) {
+        if (t.format == input_format::json) {
+          json_line(*t.name, line_no, p, len, size_t(buffer_end - p));
+        } else {
+          record_line(*t.name, line_no, std::string_view(p, len));
+        }
+      }
+      p = nl + 1;
+    }
+  }
+
+  void json_line(const std::string& name, uint64_t line_no, const char* p, size_t len, size_t capacity) {
+    if (!json_.parse(p, len, capacity, rec_, err_)) {
+      ++rep_.records;
+      rep_.bad(name, line_no, err_);
+      return;
+    }
+    const uint64_t n = rec_.rdata.size();
+    rep_.records += n;
+    if (!dns_.owner_name(rec_.rrname, owner_, err_)) {
+      rep_.bad(name, line_no, "bad owner name " + quoted(rec_.rrname) + ": " + err_, n);
+      return;
+    }
+    const search_entry entry{rec_.rrtype, rec_.count, rec_.time_first, rec_.time_last};
+    for (std::string_view text : rec_.rdata) {
+      if (!dns_.parse_rdata(rec_.rrtype, text, wire_, err_)) {
+        rep_.bad(name, line_no, "rdata " + quoted(text) + " is not valid " + rrtype_name(rec_.rrtype) + ": " + err_);
+        continue;
+      }
+      add(entry);
+    }
+  }
+
+  void add(const search_entry& entry) {
+    if (want_rrname_) agg.add_rrname(owner_, entry);
+    // Data of no bytes (a NULL record, say) has no wire form to key on.
+    if (want_rdata_ && !wire_.empty() && wire_.size() <= 65535) {
+      agg.add_rdata(wire_, entry, [&] { return dns_.rdata_text(); });
+    }
+  }
+
+  // A line already in the index's record-line form.
+  void record_line(const std::string& name, uint64_t line_no, std::string_view line) {
+    ++rep_.records;
+    const size_t tab = line.find('\t');
+    if (tab == 0 || tab == std::string_view::npos) {
+      rep_.bad(name, line_no, "not a record line (a key, a tab, a value)");
+      return;
+    }
+    const std::string_view key = line.substr(0, tab), value = line.substr(tab + 1);
+    const auto times_fit = [](const search_entry& e) {
+      return e.time_first >= 0 && e.time_last >= e.time_first && e.time_last <= int64_t(UINT32_MAX);
+    };
+    if (opts_.kind == index_kind::rrname) {
+      std::vector<search_entry> entries = parse_rrname_value(value);
+      if (entries.empty()) {
+        rep_.bad(name, line_no, "not an owner-name record line");
+        return;
+      }
+      for (auto& e : entries) {
+        if (!times_fit(e)) {
+          rep_.bad(name, line_no, "a time does not fit 32 bits");
+          return;
+        }
+      }
+      for (auto& e : entries) {
+        if (e.count == 0) e.count = 1;  // an item without a count was seen once
+        agg.add_rrname(key, e);
+      }
+      return;
+    }
+    const auto v = parse_rdata_value(value);
+    if (!v) {
+      rep_.bad(name, line_no, "not an rdata record line");
+      return;
+    }
+    if (v->wire_form.empty()) {
+      rep_.bad(name, line_no, "an rdata record line needs its LENGTH/HEX wire form");
+      return;
+    }
+    if (!times_fit(v->entry)) {
+      rep_.bad(name, line_no, "a time does not fit 32 bits");
+      return;
+    }
+    search_entry e = v->entry;
+    if (e.count == 0) e.count = 1;
+    wire_ = decode_rdata(v->wire_form);
+    agg.add_rdata(wire_, e, [&] { return key; }, true);
+  }
+
+  void zone(task& t) {
+    input_reader& in = *t.zone;
+    zone_reader reader(in);
+    std::string err;
+    if (!reader.set_origin(opts_.origin, err)) {
+      rep_.fatal("--origin " + opts_.origin + ": " + err);
+      return;
+    }
+    const int64_t when = opts_.time_set ? opts_.time : int64_t(in.mtime());
+    if (when < 0 || when > int64_t(UINT32_MAX)) {
+      rep_.fatal("the time of " + in.name() + " is out of range; give one with --time");
+      return;
+    }
+    const search_entry base{0, 1, when, when};
+    for (;;) {
+      if (rep_.stop) return;
+      ldns_struct_rr* rr = nullptr;
+      uint64_t line = 0;
+      const auto r = reader.next(rr, line, err);
+      if (r == zone_reader::END) break;
+      ++rep_.records;
+      if (r == zone_reader::BAD) {
+        rep_.bad(*t.name, line, err);
+        continue;
+      }
+      search_entry entry = base;
+      entry.rrtype = dns_.take_rr(rr, owner_, wire_);
+      add(entry);
+    }
+    if (in.failed()) rep_.fatal(in.error());
+  }
+
+  const bake_options& opts_;
+  reporter& rep_;
+  const bool want_rrname_, want_rdata_;
+  dns_parser dns_;
+  json_line_parser json_;
+  json_record rec_;
+  std::string owner_, err_;
+  std::vector<uint8_t> wire_;
+};
+
+input_format detect_format(input_reader& in, index_kind kind) {
+  const std::string_view head = in.peek(64 * 1024);
+  const size_t first = head.find_first_not_of(" \t\r\n");
+  if (first != std::string_view::npos && head[first] == '{') return input_format::json;
+  if (kind != index_kind::both && first != std::string_view::npos) {
+    std::string_view line = head.substr(first);
+    line = line.substr(0, line.find('\n'));
+    const size_t tab = line.find('\t');
+    if (tab != std::string_view::npos && tab > 0) {
+      const std::string_view value = line.substr(tab + 1);
+      if (kind == index_kind::rrname && !parse_rrname_value(value).empty()) return input_format::lines;
+      if (kind == index_kind::rdata) {
+        const auto v = parse_rdata_value(value);
+        if (v && !v->wire_form.empty()) return input_format::lines;
+      }
+    }
+  }
+  return input_format::zone;
+}
+
+struct output_file {
+  std::string path, tmp;
+  bool rdata = false;
+  uint64_t lines = 0;
+  bool ok = false;
+  std::string err;
+};
+
+void write_output(output_file& out, std::vector<std::string> lines, const time_range& times, bool sync) {
+  out.lines = lines.size();
+  std::vector<std::string_view> views(lines.begin(), lines.end());
+  tgdb_write_options wo;
+  wo.rdata = out.rdata;
+  wo.has_time_range = times.set && !lines.empty();
+  wo.first_seen = times.first;
+  wo.last_seen = times.last;
+  wo.sync = sync;
+  out.ok = tgdb_write(out.tmp, views, wo, &out.err);
+}
+
+std::string dir_of(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+}  // namespace
+
+std::string rrname_path(const std::string& prefix) { return prefix + ".rrname.tgdb"; }
+std::string rdata_path(const std::string& prefix) { return prefix + ".rdata.tgdb"; }
+
+int bake(const bake_options& opts, bake_stats* stats) {
+  reporter rep(!opts.quiet && isatty(STDERR_FILENO), opts.strict);
+  unsigned n_threads = opts.threads ? opts.threads : std::thread::hardware_concurrency();
+  n_threads = std::clamp(n_threads, 1u, 64u);
+
+  // Outputs first: a directory we cannot write to should fail before the
+  // reading, not after it.
+  std::vector<output_file> outputs;
+  if (opts.kind != index_kind::rdata) outputs.push_back({rrname_path(opts.prefix), {}, false, 0, false, {}});
+  if (opts.kind != index_kind::rrname) outputs.push_back({rdata_path(opts.prefix), {}, true, 0, false, {}});
+  const std::string out_dir = dir_of(opts.prefix);
+  if (access(out_dir.c_str(), W_OK | X_OK) != 0) {
+    fprintf(stderr, "ixbake: cannot write in %s: %s\n", out_dir.c_str(), strerror(errno));
+    return 1;
+  }
+  for (auto& o : outputs) o.tmp = o.path + ".partial." + std::to_string(getpid());
+
+  rep.start_progress();
+  std::vector<std::unique_ptr<worker>> workers;
+  for (unsigned i = 0; i < n_threads; ++i) workers.push_back(std::make_unique<worker>(opts, rep));
+  task_queue queue(2 * size_t(n_threads));
+  std::vector<std::thread> threads;
+  for (auto& w : workers) threads.emplace_back([&queue, &w] { w->run(queue); });
+
+  const std::vector<std::string> inputs = opts.inputs.empty() ? std::vector<std::string>{"-"} : opts.inputs;
+  for (const auto& path : inputs) {
+    if (rep.stop) break;
+    std::string err;
+    auto in = input_reader::open(path, err);
+    if (!in) {
+      rep.fatal(err);
+      break;
+    }
+    auto name = std::make_shared<const std::string>(in->name());
+    in->on_long_line([&rep, name](uint64_t line) {
+      ++rep.records;
+      rep.bad(*name, line, "line longer than " + std::to_string(MAX_LINE >> 20) + " MiB");
+    });
+    const input_format format = opts.format == input_format::detect ? detect_format(*in, opts.kind) : opts.format;
+    if (format == input_format::zone) {
+      queue.push(task{name, format, {}, std::move(in)});
+      continue;
+    }
+    for (;;) {
+      task t{name, format, {}, nullptr};
+      if (rep.stop || !in->next_chunk(t.chunk, CHUNK_BYTES)) break;
+      queue.push(std::move(t));
+    }
+    if (in->failed()) rep.fatal(in->error());
+  }
+  queue.close();
+  for (auto& t : threads) t.join();
+
+  auto fail = [&](const std::string& text) {
+    rep.end_progress();
+    if (!text.empty()) fprintf(stderr, "ixbake: %s\n", text.c_str());
+    fprintf(stderr, "ixbake: nothing written\n");
+    return 1;
+  };
+  if (!rep.fatal_text().empty()) return fail(rep.fatal_text());
+  if (opts.strict && rep.skipped > 0) return fail("stopped at the first bad record (--strict)");
+
+  rep.phase("merging");
+  aggregator& all = workers[0]->agg;
+  for (size_t i = 1; i < workers.size(); ++i) all.merge(std::move(workers[i]->agg));
+
+  rep.phase("sorting and writing");
+  const time_range rr_times = all.rrname_times(), rd_times = all.rdata_times();
+  std::vector<std::thread> writers;
+  for (auto& o : outputs) {
+    // Each file is made on its own thread; the two tables are independent.
+    writers.emplace_back([&o, &all, &opts, rr_times, rd_times] {
+      if (o.rdata) {
+        write_output(o, all.take_rdata_lines(), rd_times, opts.sync);
+      } else {
+        write_output(o, all.take_rrname_lines(), rr_times, opts.sync);
+      }
+    });
+  }
+  for (auto& t : writers) t.join();
+  std::string failure;
+  for (auto& o : outputs) {
+    if (!o.ok && failure.empty()) failure = o.err;
+  }
+  // Both files are complete: only now do they take their names.
+  for (auto& o : outputs) {
+    if (failure.empty() && rename(o.tmp.c_str(), o.path.c_str()) != 0) {
+      failure = "cannot rename " + o.tmp + " to " + o.path + ": " + strerror(errno);
+    }
+  }
+  if (!failure.empty()) {
+    for (auto& o : outputs) unlink(o.tmp.c_str());
+    return fail(failure);
+  }
+  rep.end_progress();
+
+  if (!opts.fileset.empty()) {
+    for (const auto& o : outputs) {
+      const std::string setfile =
+          (o.rdata && opts.kind == index_kind::both) ? opts.fileset + ".rdata" : opts.fileset;
+      std::string err;
+      if (!add_to_set_file(setfile, {o.path}, err)) {
+        fprintf(stderr, "ixbake: %s\n", err.c_str());
+        return 1;
+      }
+    }
+  }
+
+  std::string summary = "ixbake: " + std::to_string(rep.records.load()) + " records read, " +
+                        std::to_string(rep.skipped.load()) + " skipped; wrote ";
+  for (size_t i = 0; i < outputs.size(); ++i) {
+    summary += (i ? ", " : "") + outputs[i].path + " (" + std::to_string(outputs[i].lines) + " lines)";
+  }
+  fprintf(stderr, "%s\n", summary.c_str());
+  if (stats) {
+    stats->records = rep.records;
+    stats->skipped = rep.skipped;
+    for (const auto& o : outputs) (o.rdata ? stats->rdata_lines : stats->rrname_lines) = o.lines;
+  }
+  return 0;
+}
+
+void bake_usage(FILE* out) {
+  fputs(
+      "Usage: ixbake [-q] [--strict] [--format auto|json|zone|lines] [--kind both|rrname|rdata]\n"
+      "              [--time T] [--origin NAME] [--fileset SETFILE] -o PREFIX [INPUT ...]\n"
+      "Builds the index files vornsearch searches, from DNS records.\n"
+      "\n"
+      "  -o PREFIX          write PREFIX.rrname.tgdb (owner names) and PREFIX.rdata.tgdb\n"
+      "                     (record data); each appears only once complete\n"
+      "  INPUT              files, plain or gzip-compressed; '-' or none: standard input\n"
+      "  --format F         auto (the default: recognised per input), json (one passive-DNS\n"
+      "                     observation per line), zone (DNS master file), lines (index\n"
+      "                     record lines; needs --kind rrname or rdata)\n"
+      "  --kind K           both (the default), rrname or rdata: the files to write\n"
+      "  --time T           time of zone records: epoch seconds, YYYY-MM-DD or\n"
+      "                     'YYYY-MM-DD HH:MM:SS' (UTC); default: the file's modification time\n"
+      "  --origin NAME      origin of zone files before any $ORIGIN (default: the root)\n"
+      "  --fileset SETFILE  list the new file in SETFILE (created if missing); with\n"
+      "                     --kind both the rrname file goes to SETFILE and the rdata\n"
+      "                     file to SETFILE.rdata\n"
+      "  --strict           stop at the first bad record; nothing is written\n"
+      "  --threads N        parsing threads (default: one per processor)\n"
+      "  -q                 no progress line\n"
+      "  -h                 show this help\n"
+      "\n"
+      "Example: ixbake -o /srv/dns/2024-06 pdns-2024-06.jsonl.gz\n"
+      "         ixbake --time 2024-06-01 -o /srv/dns/zones --fileset /srv/dns/all.set *.zone\n",
+      out);
+}
+
+int parse_bake_args(int argc, char** argv, bake_options& out) {
+  enum { OPT_STRICT = 256, OPT_FORMAT, OPT_KIND, OPT_TIME, OPT_ORIGIN, OPT_FILESET, OPT_THREADS, OPT_NO_SYNC };
+  static const option long_options[] = {
+      {"strict", no_argument, nullptr, OPT_STRICT},     {"format", required_argument, nullptr, OPT_FORMAT},
+      {"kind", required_argument, nullptr, OPT_KIND},   {"time", required_argument, nullptr, OPT_TIME},
+      {"origin", required_argument, nullptr, OPT_ORIGIN}, {"fileset", required_argument, nullptr, OPT_FILESET},
+      {"threads", required_argument, nullptr, OPT_THREADS}, {"no-sync", no_argument, nullptr, OPT_NO_SYNC},
+      {"help", no_argument, nullptr, 'h'},              {"quiet", no_argument, nullptr, 'q'},
+      {nullptr, 0, nullptr, 0},
+  };
+  const auto bad = [](const std::string& text) {
+    fprintf(stderr, "ixbake: %s\nTry 'ixbake -h' for help.\n", text.c_str());
+    return 1;
+  };
+  optind = 1;
+  opterr = 0;
+  for (;;) {
+    const int c = getopt_long(argc, argv, ":qho:", long_options, nullptr);
+    if (c == -1) break;
+    const std::string arg = optarg ? optarg : "";
+    switch (c) {
+      case 'q':
+        out.quiet = true;
+        break;
+      case 'h':
+        bake_usage(stdout);
+        return 0;
+      case 'o':
+        if (arg.empty()) return bad("-o needs a prefix");
+        out.prefix = arg;
+        break;
+      case OPT_STRICT:
+        out.strict = true;
+        break;
+      case OPT_NO_SYNC:
+        out.sync = false;
+        break;
+      case OPT_FORMAT:
+        if (arg == "auto") out.format = input_format::detect;
+        else if (arg == "json") out.format = input_format::json;
+        else if (arg == "zone") out.format = input_format::zone;
+        else if (arg == "lines") out.format = input_format::lines;
+        else return bad("--format must be auto, json, zone or lines, not '" + arg + "'");
+        break;
+      case OPT_KIND:
+        if (arg == "both") out.kind = index_kind::both;
+        else if (arg == "rrname") out.kind = index_kind::rrname;
+        else if (arg == "rdata") out.kind = index_kind::rdata;
+        else return bad("--kind must be both, rrname or rdata, not '" + arg + "'");
+        break;
+      case OPT_TIME: {
+        int64_t t = 0;
+        if (arg.empty() || !parse_time_spec(arg.c_str(), t) || t < 0 || t > int64_t(UINT32_MAX)) {
+          return bad("--time '" + arg + "' is not a time from 1970 to 2106 (epoch seconds, YYYY-MM-DD or 'YYYY-MM-DD HH:MM:SS')");
+        }
+        out.time_set = true;
+        out.time = t;
+        break;
+      }
+      case OPT_ORIGIN: {
+        dns_parser dns;
+        std::string canonical, err;
+        if (!dns.owner_name(arg, canonical, err)) return bad("--origin '" + arg + "' is not a domain name: " + err);
+        out.origin = arg;
+        break;
+      }
+      case OPT_FILESET:
+        if (arg.empty()) return bad("--fileset needs a file name");
+        out.fileset = arg;
+        break;
+      case OPT_THREADS: {
+        char* end = nullptr;
+        const long n = strtol(arg.c_str(), &end, 10);
+        if (arg.empty() || *end || n < 1 || n > 64) return bad("--threads must be a number from 1 to 64");
+        out.threads = unsigned(n);
+        break;
+      }
+      case ':':
+        return bad(std::string("option ") + argv[optind - 1] + " needs a value");
+      default:
+        return bad(std::string("unknown option ") + argv[optind - 1]);
+    }
+  }
+  for (int i = optind; i < argc; ++i) out.inputs.emplace_back(argv[i]);
+  if (out.prefix.empty()) return bad("an output prefix is required (-o PREFIX)");
+  if (out.format == input_format::lines && out.kind == index_kind::both) {
+    return bad("--format lines needs --kind rrname or --kind rdata");
+  }
+  return -1;
+}
+
+int ixbake_main(int argc, char** argv) {
+  log_set_prefix("ixbake");
+  bake_options opts;
+  const int status = parse_bake_args(argc, argv, opts);
+  if (status >= 0) return status;
+  return bake(opts);
+}
