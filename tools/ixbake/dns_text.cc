@@ -202,6 +202,7 @@ bool dns_parser::owner_name(std::string_view text, std::string& out, std::string
 bool dns_parser::parse_rdata(uint16_t rrtype, std::string_view text, std::vector<uint8_t>& wire,
                              std::string& err) {
   impl_->set_last(nullptr);
+  trim_spaces(text);
   if (text.find_first_of(std::string_view("\0\n\r", 3)) != std::string_view::npos) {
     err = "it holds a NUL byte or a line break";
     return false;

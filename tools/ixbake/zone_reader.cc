@@ -167,6 +167,8 @@ zone_reader::result zone_reader::next(ldns_rr*& rr, uint64_t& line, std::string&
     bool bad = false;
     if (!read_entry(text, line, err, bad)) return END;
     if (bad) return BAD;
+    // Some field types take the rest of the text: no trailing blanks.
+    while (!text.empty() && blank(text.back())) text.pop_back();
     if (text.find('\0') != std::string::npos) {
       err = "the record holds a NUL byte";
       return BAD;
@@ -184,7 +186,7 @@ zone_reader::result zone_reader::next(ldns_rr*& rr, uint64_t& line, std::string&
     const ldns_status s = ldns_rr_new_frm_str(&rr, text.c_str(), impl_->ttl, impl_->origin, &impl_->prev);
     if (s != LDNS_STATUS_OK) {
       rr = nullptr;
-      err = ldns_get_errorstr_by_id(s);
+      err = std::string("record does not parse: ") + ldns_get_errorstr_by_id(s);
       return BAD;
     }
     return RECORD;
