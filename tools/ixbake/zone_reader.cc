@@ -32,19 +32,17 @@ struct zone_reader::impl {
     if (origin) ldns_rdf_deep_free(origin);
     if (prev) ldns_rdf_deep_free(prev);
   }
-  // `name` relative to the current origin unless it ends in a dot.
+  // `text` relative to the current origin unless it ends in a dot.
   ldns_status name(const std::string& text, ldns_rdf*& out) {
     out = nullptr;
-    ldns_status s = ldns_str2rdf_dname(&out, text.c_str());
-    if (s != LDNS_STATUS_OK) return s;
-    if (!ldns_dname_absolute(out)) {
-      s = ldns_dname_cat(out, origin);
-      if (s != LDNS_STATUS_OK) {
-        ldns_rdf_deep_free(out);
-        out = nullptr;
-      }
+    std::string full = text;
+    if (!ldns_dname_str_absolute(text.c_str())) {
+      char* o = ldns_rdf2str(origin);
+      if (!o) return LDNS_STATUS_MEM_ERR;
+      full += strcmp(o, ".") == 0 ? "." : std::string(".") + o;
+      free(o);
     }
-    return s;
+    return ldns_str2rdf_dname(&out, full.c_str());
   }
 };
 
