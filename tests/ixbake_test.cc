@@ -135,7 +135,9 @@ TEST(Ixbake, JsonRoundTripHoldsEveryRecordWithItsCountsAndTimes) {
     std::map<std::pair<std::string, uint16_t>, folded> got;
     for (size_t i = 0; i < rr.lines.size(); ++i) {
       const std::string& line = rr.lines[i];
-      if (i > 0) EXPECT_LT(compare_rrname_lines(rr.lines[i - 1], line), 0);
+      if (i > 0) {
+        EXPECT_LT(compare_rrname_lines(rr.lines[i - 1], line), 0);
+      }
       const size_t tab = line.find('\t');
       for (const auto& e : parse_rrname_value(line.substr(tab + 1))) {
         got[{line.substr(0, tab), e.rrtype}].add(e.count, e.time_first, e.time_last);
@@ -153,7 +155,9 @@ TEST(Ixbake, JsonRoundTripHoldsEveryRecordWithItsCountsAndTimes) {
     got.clear();
     for (size_t i = 0; i < rd.lines.size(); ++i) {
       const std::string& line = rd.lines[i];
-      if (i > 0) EXPECT_LT(compare_rdata_lines(rd.lines[i - 1], line), 0);
+      if (i > 0) {
+        EXPECT_LT(compare_rdata_lines(rd.lines[i - 1], line), 0);
+      }
       const size_t tab = line.find('\t');
       const auto v = parse_rdata_value(std::string_view(line).substr(tab + 1));
       ASSERT_TRUE(v) << line;

@@ -2,8 +2,36 @@
 
 #include <algorithm>
 #include <limits>
+#include <thread>
 
 #include "tgdb/record_line.h"
+
+namespace {
+
+// std::sort split over threads: the parts are sorted concurrently, then
+// merged. Keys are distinct, so the result is the one std::sort gives.
+template <class Less>
+void parallel_sort(std::vector<std::string>& v, Less less) {
+  constexpr size_t min_part = 1 << 16;
+  const size_t parts = std::min<size_t>(std::max(1u, std::thread::hardware_concurrency()), v.size() / min_part);
+  if (parts < 2) {
+    std::sort(v.begin(), v.end(), less);
+    return;
+  }
+  std::vector<size_t> bounds;
+  for (size_t i = 0; i <= parts; ++i) bounds.push_back(v.size() * i / parts);
+  std::vector<std::thread> threads;
+  for (size_t i = 1; i < parts; ++i) {
+    threads.emplace_back([&, i] { std::sort(v.begin() + long(bounds[i]), v.begin() + long(bounds[i + 1]), less); });
+  }
+  std::sort(v.begin(), v.begin() + long(bounds[1]), less);
+  for (auto& t : threads) t.join();
+  for (size_t i = 1; i < parts; ++i) {
+    std::inplace_merge(v.begin(), v.begin() + long(bounds[i]), v.begin() + long(bounds[i + 1]), less);
+  }
+}
+
+}  // namespace
 
 void time_range::widen(int64_t f, int64_t l) {
   if (!set) {
@@ -75,8 +103,7 @@ std::vector<std::string> aggregator::take_rrname_lines() {
               [](const search_entry& a, const search_entry& b) { return a.rrtype < b.rrtype; });
     lines.push_back(rrname_line(it->first, entries));
   }
-  std::sort(lines.begin(), lines.end(),
-            [](const std::string& a, const std::string& b) { return compare_rrname_lines(a, b) < 0; });
+  parallel_sort(lines, [](const std::string& a, const std::string& b) { return compare_rrname_lines(a, b) < 0; });
   return lines;
 }
 
@@ -88,7 +115,6 @@ std::vector<std::string> aggregator::take_rdata_lines() {
     const auto wire = std::span(reinterpret_cast<const uint8_t*>(key.data()) + 2, key.size() - 2);
     lines.push_back(rdata_line(it->second.text, wire, it->second.entry));
   }
-  std::sort(lines.begin(), lines.end(),
-            [](const std::string& a, const std::string& b) { return compare_rdata_lines(a, b) < 0; });
+  parallel_sort(lines, [](const std::string& a, const std::string& b) { return compare_rdata_lines(a, b) < 0; });
   return lines;
 }

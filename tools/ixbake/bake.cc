@@ -365,8 +365,14 @@ struct output_file {
   std::string err;
 };
 
-void write_output(output_file& out, std::vector<std::string> lines, const time_range& times, bool sync) {
+double seconds_since(std::chrono::steady_clock::time_point t) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t).count();
+}
+
+void write_output(output_file& out, std::vector<std::string> lines, const time_range& times, bool sync,
+                  std::chrono::steady_clock::time_point started) {
   out.lines = lines.size();
+  log_printf(LOG_STAT, "%s: %zu lines sorted after %.2f s", out.path.c_str(), lines.size(), seconds_since(started));
   std::vector<std::string_view> views(lines.begin(), lines.end());
   tgdb_write_options wo;
   wo.rdata = out.rdata;
@@ -375,6 +381,7 @@ void write_output(output_file& out, std::vector<std::string> lines, const time_r
   wo.last_seen = times.last;
   wo.sync = sync;
   out.ok = tgdb_write(out.tmp, views, wo, &out.err);
+  log_printf(LOG_STAT, "%s: written after %.2f s", out.path.c_str(), seconds_since(started));
 }
 
 std::string dir_of(const std::string& path) {
@@ -406,6 +413,7 @@ int bake(const bake_options& opts, bake_stats* stats) {
   for (auto& o : outputs) o.tmp = o.path + ".partial." + std::to_string(getpid());
 
   rep.start_progress();
+  const auto started = std::chrono::steady_clock::now();
   std::vector<std::unique_ptr<worker>> workers;
   for (unsigned i = 0; i < n_threads; ++i) workers.push_back(std::make_unique<worker>(opts, rep));
   task_queue queue(2 * size_t(n_threads));
@@ -450,20 +458,22 @@ int bake(const bake_options& opts, bake_stats* stats) {
   if (!rep.fatal_text().empty()) return fail(rep.fatal_text());
   if (opts.strict && rep.skipped > 0) return fail("stopped at the first bad record (--strict)");
 
+  log_printf(LOG_STAT, "read %" PRIu64 " records in %.2f s", rep.records.load(), seconds_since(started));
   rep.phase("merging");
   aggregator& all = workers[0]->agg;
   for (size_t i = 1; i < workers.size(); ++i) all.merge(std::move(workers[i]->agg));
+  log_printf(LOG_STAT, "merged after %.2f s", seconds_since(started));
 
   rep.phase("sorting and writing");
   const time_range rr_times = all.rrname_times(), rd_times = all.rdata_times();
   std::vector<std::thread> writers;
   for (auto& o : outputs) {
     // Each file is made on its own thread; the two tables are independent.
-    writers.emplace_back([&o, &all, &opts, rr_times, rd_times] {
+    writers.emplace_back([&o, &all, &opts, rr_times, rd_times, started] {
       if (o.rdata) {
-        write_output(o, all.take_rdata_lines(), rd_times, opts.sync);
+        write_output(o, all.take_rdata_lines(), rd_times, opts.sync, started);
       } else {
-        write_output(o, all.take_rrname_lines(), rr_times, opts.sync);
+        write_output(o, all.take_rrname_lines(), rr_times, opts.sync, started);
       }
     });
   }
@@ -632,6 +642,10 @@ int parse_bake_args(int argc, char** argv, bake_options& out) {
 
 int ixbake_main(int argc, char** argv) {
   log_set_prefix("ixbake");
+  // VORN_LOGLEVEL=stat shows how long each phase took.
+  if (const char* level = getenv("VORN_LOGLEVEL")) {
+    if (log_level_parse(level) >= 0) log_set_level(log_level_parse(level));
+  }
   bake_options opts;
   const int status = parse_bake_args(argc, argv, opts);
   if (status >= 0) return status;
