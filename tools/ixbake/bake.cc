@@ -93,8 +93,13 @@ class reporter {
         const double secs =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
         const uint64_t n = records.load();
-        fprintf(stderr, "\r\033[Kixbake: %s: %" PRIu64 " records, %.0f records/s, %.0fs", phase_.load(), n,
-                secs > 0 ? double(n) / secs : 0.0, secs);
+        const char* phase = phase_.load();
+        if (strcmp(phase, "reading") == 0) {
+          fprintf(stderr, "\r\033[Kixbake: reading: %" PRIu64 " records, %.0f records/s, %.0fs", n,
+                  secs > 0 ? double(n) / secs : 0.0, secs);
+        } else {
+          fprintf(stderr, "\r\033[Kixbake: %s: %" PRIu64 " records read, %.0fs", phase, n, secs);
+        }
         fflush(stderr);
         shown_ = true;
       }
@@ -541,6 +546,8 @@ void bake_usage(FILE* out) {
       "                     file to SETFILE.rdata\n"
       "  --strict           stop at the first bad record; nothing is written\n"
       "  --threads N        parsing threads (default: one per processor)\n"
+      "  --no-sync          do not flush the files to disk before renaming them (faster;\n"
+      "                     for scratch files)\n"
       "  -q                 no progress line\n"
       "  -h                 show this help\n"
       "\n"
