@@ -125,7 +125,8 @@ std::vector<std::string> read_zone(const temp_dir& dir, const std::string& text,
     const auto r = zr.next(rr, line, err);
     if (r == zone_reader::END) break;
     if (r == zone_reader::BAD) {
-      out.push_back("!" + std::to_string(line) + ": " + err);
+      std::string bad = "!";  // appended: gcc 12 warns falsely on "literal" + string
+      out.push_back(bad.append(std::to_string(line)).append(": ").append(err));
       continue;
     }
     std::string owner;
