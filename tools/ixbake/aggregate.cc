@@ -11,7 +11,7 @@ namespace {
 // std::sort split over threads: the parts are sorted concurrently, then
 // merged. Keys are distinct, so the result is the one std::sort gives.
 template <class Less>
-void parallel_sort(std::vector<std::string>& v, Less less) {
+void parallel_sort(std::vector<std::string_view>& v, Less less) {
   constexpr size_t min_part = 1 << 16;
   const size_t parts = std::min<size_t>(std::max(1u, std::thread::hardware_concurrency()), v.size() / min_part);
   if (parts < 2) {
@@ -76,13 +76,16 @@ void aggregator::add_rrname(std::string_view owner, const search_entry& entry) {
 void aggregator::merge(aggregator&& other) {
   rrname_times_.widen(other.rrname_times_);
   rdata_times_.widen(other.rdata_times_);
-  // Node handover: only keys both sides hold need folding.
-  owners_.merge(other.owners_);
-  for (auto& [owner, entries] : other.owners_) {
-    auto& mine = owners_[owner];
-    for (const auto& e : entries) fold_into(mine, e);
-  }
-  other.owners_.clear();
+  // The two tables are independent: merge them side by side. Node handover
+  // moves what only `other` has; keys both hold are folded.
+  std::thread owners([&] {
+    owners_.merge(other.owners_);
+    for (auto& [owner, entries] : other.owners_) {
+      auto& mine = owners_[owner];
+      for (const auto& e : entries) fold_into(mine, e);
+    }
+    other.owners_.clear();
+  });
   rdata_.merge(other.rdata_);
   for (auto& [key, value] : other.rdata_) {
     auto& mine = rdata_[key];
@@ -92,29 +95,50 @@ void aggregator::merge(aggregator&& other) {
     if (value.text < mine.text) mine.text = std::move(value.text);
   }
   other.rdata_.clear();
+  owners.join();
 }
 
-std::vector<std::string> aggregator::take_rrname_lines() {
-  std::vector<std::string> lines;
-  lines.reserve(owners_.size());
+namespace {
+
+// Views of the lines at `ends` (each line's end offset) in `out.text`.
+void make_views(sorted_lines& out, const std::vector<size_t>& ends) {
+  out.lines.reserve(ends.size());
+  size_t start = 0;
+  for (size_t end : ends) {
+    out.lines.emplace_back(out.text.data() + start, end - start);
+    start = end;
+  }
+}
+
+}  // namespace
+
+sorted_lines aggregator::take_rrname_lines() {
+  sorted_lines out;
+  std::vector<size_t> ends;
+  ends.reserve(owners_.size());
   for (auto it = owners_.begin(); it != owners_.end(); it = owners_.erase(it)) {
     auto& entries = it->second;
     std::sort(entries.begin(), entries.end(),
               [](const search_entry& a, const search_entry& b) { return a.rrtype < b.rrtype; });
-    lines.push_back(rrname_line(it->first, entries));
+    out.text += rrname_line(it->first, entries);
+    ends.push_back(out.text.size());
   }
-  parallel_sort(lines, [](const std::string& a, const std::string& b) { return compare_rrname_lines(a, b) < 0; });
-  return lines;
+  make_views(out, ends);
+  parallel_sort(out.lines, [](std::string_view a, std::string_view b) { return compare_rrname_lines(a, b) < 0; });
+  return out;
 }
 
-std::vector<std::string> aggregator::take_rdata_lines() {
-  std::vector<std::string> lines;
-  lines.reserve(rdata_.size());
+sorted_lines aggregator::take_rdata_lines() {
+  sorted_lines out;
+  std::vector<size_t> ends;
+  ends.reserve(rdata_.size());
   for (auto it = rdata_.begin(); it != rdata_.end(); it = rdata_.erase(it)) {
     const std::string& key = it->first;
     const auto wire = std::span(reinterpret_cast<const uint8_t*>(key.data()) + 2, key.size() - 2);
-    lines.push_back(rdata_line(it->second.text, wire, it->second.entry));
+    out.text += rdata_line(it->second.text, wire, it->second.entry);
+    ends.push_back(out.text.size());
   }
-  parallel_sort(lines, [](const std::string& a, const std::string& b) { return compare_rdata_lines(a, b) < 0; });
-  return lines;
+  make_views(out, ends);
+  parallel_sort(out.lines, [](std::string_view a, std::string_view b) { return compare_rdata_lines(a, b) < 0; });
+  return out;
 }

@@ -20,6 +20,13 @@ struct time_range {
   void widen(const time_range& o);
 };
 
+// Lines kept back to back in one buffer: sorting views of one compact
+// buffer touches far less memory than sorting millions of strings.
+struct sorted_lines {
+  std::string text;
+  std::vector<std::string_view> lines;
+};
+
 class aggregator {
  public:
   // Adds to the owner's entry of entry.rrtype.
@@ -42,8 +49,8 @@ class aggregator {
 
   // The record lines of each file, in the order the search merges them.
   // Each empties its table as it goes.
-  std::vector<std::string> take_rrname_lines();
-  std::vector<std::string> take_rdata_lines();
+  sorted_lines take_rrname_lines();
+  sorted_lines take_rdata_lines();
 
  private:
   struct rdata_value {

@@ -373,18 +373,18 @@ double seconds_since(std::chrono::steady_clock::time_point t) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - t).count();
 }
 
-void write_output(output_file& out, std::vector<std::string> lines, const time_range& times, bool sync,
+void write_output(output_file& out, const sorted_lines& sorted, const time_range& times, bool sync,
                   std::chrono::steady_clock::time_point started) {
+  const auto& lines = sorted.lines;
   out.lines = lines.size();
   log_printf(LOG_STAT, "%s: %zu lines sorted after %.2f s", out.path.c_str(), lines.size(), seconds_since(started));
-  std::vector<std::string_view> views(lines.begin(), lines.end());
   tgdb_write_options wo;
   wo.rdata = out.rdata;
   wo.has_time_range = times.set && !lines.empty();
   wo.first_seen = times.first;
   wo.last_seen = times.last;
   wo.sync = sync;
-  out.ok = tgdb_write(out.tmp, views, wo, &out.err);
+  out.ok = tgdb_write(out.tmp, lines, wo, &out.err);
   log_printf(LOG_STAT, "%s: written after %.2f s", out.path.c_str(), seconds_since(started));
 }
 
