@@ -116,6 +116,11 @@ sorted_lines aggregator::take_rrname_lines() {
   sorted_lines out;
   std::vector<size_t> ends;
   ends.reserve(owners_.size());
+  // Room for every line up front (an item and its space take at most 42 bytes), so the
+  // buffer is never copied while the table still holds everything.
+  size_t room = 0;
+  for (const auto& [owner, entries] : owners_) room += owner.size() + 1 + 42 * entries.size();
+  out.text.reserve(room);
   for (auto it = owners_.begin(); it != owners_.end(); it = owners_.erase(it)) {
     auto& entries = it->second;
     std::sort(entries.begin(), entries.end(),
@@ -132,6 +137,9 @@ sorted_lines aggregator::take_rdata_lines() {
   sorted_lines out;
   std::vector<size_t> ends;
   ends.reserve(rdata_.size());
+  size_t room = 0;
+  for (const auto& [key, value] : rdata_) room += value.text.size() + 2 * key.size() + 48;
+  out.text.reserve(room);
   for (auto it = rdata_.begin(); it != rdata_.end(); it = rdata_.erase(it)) {
     const std::string& key = it->first;
     const auto wire = std::span(reinterpret_cast<const uint8_t*>(key.data()) + 2, key.size() - 2);
