@@ -2,16 +2,20 @@
 // zone files record by record, and set-file updates.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <stdbool.h>
 
 #include <ldns/ldns.h>
 
+#include "aggregate.h"
 #include "dns_text.h"
 #include "input.h"
 #include "ixbake.h"
 #include "tests/support/temp_dir.h"
+#include "tgdb/record_line.h"
 #include "zone_reader.h"
 
 namespace {
@@ -207,6 +211,37 @@ TEST(IxbakeSetFile, CreatesAppendsAndSkipsListedFiles) {
   ASSERT_TRUE(add_to_set_file(set, {a, b}, err)) << err;
   EXPECT_EQ(slurp(set), "./a.tgdb\nstale.tgdb\nb.tgdb\n");
   EXPECT_FALSE(add_to_set_file(dir.file("missing/x.set"), {a}, err));
+}
+
+TEST(IxbakeSort, SplittingTheSortOverThreadsChangesNothing) {
+  std::mt19937_64 rng(3);
+  std::vector<std::string> rr, rd;
+  for (int i = 0; i < 1000; ++i) {
+    std::string name = "h";  // appended: gcc 12 warns falsely on "literal" + string
+    name += std::to_string(rng() % 5000) + ".z" + std::to_string(rng() % 30) + ".example";
+    rr.push_back(name + "\t4:1:1");
+    std::vector<uint8_t> wire(1 + rng() % 6);
+    for (auto& b : wire) b = uint8_t(rng() % 4);  // short and alike: prefixes of each other
+    rd.push_back(rdata_line(name, wire, search_entry{uint16_t(1 + rng() % 3), 1, 1, 1}));
+  }
+  for (bool rdata : {false, true}) {
+    auto& lines = rdata ? rd : rr;
+    std::vector<std::string_view> want(lines.begin(), lines.end());
+    std::sort(want.begin(), want.end(), [&](std::string_view a, std::string_view b) {
+      return (rdata ? compare_rdata_lines(a, b) : compare_rrname_lines(a, b)) < 0;
+    });
+    want.erase(std::unique(want.begin(), want.end(), [&](std::string_view a, std::string_view b) {
+                 return (rdata ? compare_rdata_lines(a, b) : compare_rrname_lines(a, b)) == 0;
+               }),
+               want.end());
+    std::vector<std::string_view> distinct = want;
+    std::shuffle(distinct.begin(), distinct.end(), rng);
+    for (unsigned parts : {1u, 2u, 3u, 7u}) {
+      std::vector<std::string_view> got = distinct;
+      sort_record_lines(got, rdata, parts);
+      EXPECT_EQ(got, want) << "parts " << parts << (rdata ? " rdata" : " rrname");
+    }
+  }
 }
 
 }  // namespace

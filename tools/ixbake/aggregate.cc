@@ -6,18 +6,19 @@
 
 #include "tgdb/record_line.h"
 
-namespace {
-
-// std::sort split over threads: the parts are sorted concurrently, then
-// merged. Keys are distinct, so the result is the one std::sort gives.
-template <class Less>
-void parallel_sort(std::vector<std::string_view>& v, Less less) {
-  constexpr size_t min_part = 1 << 16;
-  const size_t parts = std::min<size_t>(std::max(1u, std::thread::hardware_concurrency()), v.size() / min_part);
-  if (parts < 2) {
+void sort_record_lines(std::vector<std::string_view>& v, bool rdata, unsigned parts) {
+  const auto less = [rdata](std::string_view a, std::string_view b) {
+    return (rdata ? compare_rdata_lines(a, b) : compare_rrname_lines(a, b)) < 0;
+  };
+  constexpr size_t min_part = 1 << 16;  // below this a thread costs more than it saves
+  if (parts == 0) parts = unsigned(std::min<size_t>(std::max(1u, std::thread::hardware_concurrency()), v.size() / min_part));
+  parts = unsigned(std::clamp<size_t>(parts, 1, std::max<size_t>(1, v.size())));
+  if (parts == 1) {
     std::sort(v.begin(), v.end(), less);
     return;
   }
+  // Parts sorted concurrently, then merged. Keys are distinct, so the
+  // result is the one std::sort gives.
   std::vector<size_t> bounds;
   for (size_t i = 0; i <= parts; ++i) bounds.push_back(v.size() * i / parts);
   std::vector<std::thread> threads;
@@ -30,8 +31,6 @@ void parallel_sort(std::vector<std::string_view>& v, Less less) {
     std::inplace_merge(v.begin(), v.begin() + long(bounds[i]), v.begin() + long(bounds[i + 1]), less);
   }
 }
-
-}  // namespace
 
 void time_range::widen(int64_t f, int64_t l) {
   if (!set) {
@@ -129,7 +128,7 @@ sorted_lines aggregator::take_rrname_lines() {
     ends.push_back(out.text.size());
   }
   make_views(out, ends);
-  parallel_sort(out.lines, [](std::string_view a, std::string_view b) { return compare_rrname_lines(a, b) < 0; });
+  sort_record_lines(out.lines, false);
   return out;
 }
 
@@ -147,6 +146,6 @@ sorted_lines aggregator::take_rdata_lines() {
     ends.push_back(out.text.size());
   }
   make_views(out, ends);
-  parallel_sort(out.lines, [](std::string_view a, std::string_view b) { return compare_rdata_lines(a, b) < 0; });
+  sort_record_lines(out.lines, true);
   return out;
 }

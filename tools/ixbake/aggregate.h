@@ -27,6 +27,10 @@ struct sorted_lines {
   std::vector<std::string_view> lines;
 };
 
+// Sorts lines in the order of their file's kind (compare_rdata_lines or
+// compare_rrname_lines) using `parts` threads; 0 picks by size and cores.
+void sort_record_lines(std::vector<std::string_view>& lines, bool rdata, unsigned parts = 0);
+
 class aggregator {
  public:
   // Adds to the owner's entry of entry.rrtype.
