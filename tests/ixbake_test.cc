@@ -296,6 +296,11 @@ TEST(Ixbake, GzipStandardInputAndRecordLinesGiveTheSameFiles) {
   gzwrite(gz, text.data(), unsigned(text.size()));
   gzclose(gz);
   ASSERT_EQ(ixbake({"-o", dir.file("gz"), dir.file("s.gz")}).status, 0);
+  // A cut-off compressed stream is an error, not a short input.
+  const std::string gz_bytes = slurp(dir.file("s.gz"));
+  const auto cut = ixbake({"-o", dir.file("cut"), dir.write("cut.gz", gz_bytes.substr(0, gz_bytes.size() / 2))});
+  EXPECT_EQ(cut.status, 1);
+  EXPECT_EQ(cut.err, "ixbake: cannot read " + dir.file("cut.gz") + ": unexpected end of file\nixbake: nothing written\n");
   ASSERT_EQ(ixbake({"-o", dir.file("stdin")}, text).status, 0);
   ASSERT_EQ(ixbake({"-o", dir.file("dash"), "-"}, text).status, 0);
 

@@ -10,7 +10,16 @@
 
 namespace {
 constexpr size_t READ_SIZE = size_t{1} << 20;
+
+// zlib's message, without the "<fd:N>: " it puts in front.
+std::string gz_message(gzFile gz) {
+  int code = 0;
+  std::string text = gzerror(gz, &code);
+  if (code == Z_ERRNO) return strerror(errno);
+  if (text.starts_with("<fd:") && text.find(": ") != std::string::npos) text.erase(0, text.find(": ") + 2);
+  return text;
 }
+}  // namespace
 
 input_reader::~input_reader() {
   if (gz_) gzclose(static_cast<gzFile>(gz_));
@@ -56,16 +65,14 @@ bool input_reader::fill() {
   auto* gz = static_cast<gzFile>(gz_);
   const int n = gzread(gz, buf_.data() + end_, unsigned(READ_SIZE));
   if (n < 0) {
-    int code = 0;
-    const char* text = gzerror(gz, &code);
-    error_ = "cannot read " + name_ + ": " + (code == Z_ERRNO ? strerror(errno) : text);
+    error_ = "cannot read " + name_ + ": " + gz_message(gz);
     return false;
   }
   if (n == 0) {
     int code = 0;
-    const char* text = gzerror(gz, &code);
+    gzerror(gz, &code);
     // A truncated compressed stream ends without its trailer.
-    if (code != Z_OK) error_ = "cannot read " + name_ + ": " + (code == Z_ERRNO ? strerror(errno) : text);
+    if (code != Z_OK) error_ = "cannot read " + name_ + ": " + gz_message(gz);
     eof_ = true;
     return false;
   }
