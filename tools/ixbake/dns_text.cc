@@ -180,18 +180,11 @@ bool dns_parser::owner_name(std::string_view text, std::string& out, std::string
   }
   impl_->scratch.assign(text);
   ldns_rdf* rdf = nullptr;
-  ldns_status s = ldns_str2rdf_dname(&rdf, impl_->scratch.c_str());
+  // The library takes a name without the final dot as absolute too.
+  const ldns_status s = ldns_str2rdf_dname(&rdf, impl_->scratch.c_str());
   if (s != LDNS_STATUS_OK) {
     err = ldns_get_errorstr_by_id(s);
     return false;
-  }
-  if (!ldns_dname_absolute(rdf)) {
-    s = ldns_dname_cat(rdf, impl_->root);
-    if (s != LDNS_STATUS_OK) {
-      ldns_rdf_deep_free(rdf);
-      err = ldns_get_errorstr_by_id(s);
-      return false;
-    }
   }
   ldns_dname2canonical(rdf);
   impl_->name_text(rdf, out);
