@@ -425,6 +425,7 @@ int bake(const bake_options& opts, bake_stats* stats) {
   for (auto& w : workers) threads.emplace_back([&queue, &w] { w->run(queue); });
 
   const std::vector<std::string> inputs = opts.inputs.empty() ? std::vector<std::string>{"-"} : opts.inputs;
+  if (opts.inputs.empty() && isatty(STDIN_FILENO)) rep.say("reading records from standard input (end with Ctrl-D)");
   for (const auto& path : inputs) {
     if (rep.stop) break;
     std::string err;
