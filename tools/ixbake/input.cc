@@ -102,8 +102,9 @@ bool input_reader::next_line(std::string_view& line) {
         scanned = 0;
       }
       if (fill()) continue;
-      // The end (or an error): what is left is the last line, if anything.
-      if (end_ == begin_ && !too_long) return false;
+      // After a read error what is left is not a line but a fragment.
+      if (failed() || (end_ == begin_ && !too_long)) return false;
+      // The end: what is left is the last line.
     }
     const char* base = buf_.data();
     const size_t stop = nl ? size_t(nl - base) : end_;
