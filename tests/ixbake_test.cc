@@ -1,0 +1,378 @@
+// ixbake end to end: the built program bakes files that are read back
+// through the index loader and the record-line parsers, exactly as a search
+// reads them.
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <sstream>
+
+#include "tests/support/run_binary.h"
+#include "tests/support/temp_dir.h"
+#include "tgdb/record_line.h"
+#include "tgdb/tgdb.h"
+
+namespace {
+
+struct index_file {
+  bool rdata = false;
+  bool has_range = false;
+  uint32_t first = 0, last = 0;
+  std::vector<std::string> lines;
+};
+
+index_file read_index(const std::string& path) {
+  index_file f;
+  auto db = tgdb_open(path.c_str());
+  EXPECT_TRUE(db) << path;
+  if (!db) return f;
+  f.rdata = db->is_rdata();
+  f.has_range = db->has_time_range();
+  f.first = db->first_seen();
+  f.last = db->last_seen();
+  for (uint64_t n = 0; const char* p = tgdb_line(*db, n); ++n) f.lines.emplace_back(tgdb_line_text(*db, p));
+  return f;
+}
+
+std::string slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+run_result ixbake(std::vector<std::string> args, const std::string& input = "") {
+  args.insert(args.begin(), {"-q", "--no-sync"});
+  return run_binary(IXBAKE_BIN, args, input);
+}
+
+int property_count() {
+  const char* s = getenv("VORN_PROPERTY_COUNT");
+  return s ? std::max(1, atoi(s)) : 20;
+}
+
+struct folded {
+  uint64_t count = 0;
+  int64_t first = INT64_MAX, last = 0;
+  void add(uint64_t c, int64_t f, int64_t l) { count += c, first = std::min(first, f), last = std::max(last, l); }
+};
+
+// Random observations over a small set of names and values, spelled in
+// varying case and with or without the final dot, with what the files must
+// then hold, folded independently of the program.
+struct observations {
+  std::vector<std::string> json;
+  std::map<std::pair<std::string, uint16_t>, folded> by_owner;  // (owner, type)
+  std::map<std::pair<std::string, uint16_t>, folded> by_rdata;  // (key text, type)
+  uint32_t first = UINT32_MAX, last = 0;
+};
+
+std::string spell(std::mt19937_64& rng, std::string name) {
+  for (char& c : name) {
+    if (rng() % 3 == 0) c = char(toupper(c));
+  }
+  return rng() % 2 ? name + "." : name;
+}
+
+observations random_observations(std::mt19937_64& rng, int n) {
+  observations o;
+  for (int i = 0; i < n; ++i) {
+    std::string owner = "h";  // built by appending: gcc 12 warns falsely on "literal" + string
+    owner += std::to_string(rng() % 40) + ".zone" + std::to_string(rng() % 3) + ".example";
+    const uint32_t first = 1600000000u + uint32_t(rng() % 100000000u), last = first + uint32_t(rng() % 1000000u);
+    const uint64_t count = 1 + rng() % 1000;
+    std::vector<std::pair<std::string, std::string>> rdata;  // (as written, canonical)
+    uint16_t type = 1;
+    const std::string type_text[] = {"\"A\"", "5", "\"mx\""};
+    const int t = int(rng() % 3);
+    for (int k = 0, m = 1 + int(rng() % 3); k < m; ++k) {
+      if (t == 0) {
+        const std::string ip = "192.0.2." + std::to_string(rng() % 20);
+        rdata.emplace_back(ip, ip);
+      } else if (t == 1) {
+        type = 5;
+        const std::string target = "edge" + std::to_string(rng() % 10) + ".cdn.example";
+        rdata.emplace_back(spell(rng, target), target);
+      } else {
+        type = 15;
+        const std::string mx = "10 mx" + std::to_string(rng() % 5) + ".zone.example";
+        rdata.emplace_back(spell(rng, mx), mx);
+      }
+    }
+    std::string line = "{\"rrname\":\"" + spell(rng, owner) + "\",\"rrtype\":" + type_text[t] + ",\"rdata\":[";
+    for (size_t k = 0; k < rdata.size(); ++k) {
+      line += (k ? ",\"" : "\"") + rdata[k].first + "\"";
+      o.by_owner[{owner, type}].add(count, first, last);
+      o.by_rdata[{rdata[k].second, type}].add(count, first, last);
+    }
+    line += "],\"time_first\":" + std::to_string(first) + ",\"time_last\":" + std::to_string(last) +
+            ",\"count\":" + std::to_string(count) + ",\"other\":{\"x\":[1,2]}}";
+    o.json.push_back(line);
+    o.first = std::min(o.first, first), o.last = std::max(o.last, last);
+  }
+  return o;
+}
+
+std::string join_lines(const std::vector<std::string>& v) {
+  std::string s;
+  for (const auto& l : v) s += l + "\n";
+  return s;
+}
+
+TEST(Ixbake, JsonRoundTripHoldsEveryRecordWithItsCountsAndTimes) {
+  std::mt19937_64 rng(7);
+  for (int round = 0; round < property_count(); ++round) {
+    temp_dir dir;
+    const observations o = random_observations(rng, 300);
+    const auto r = ixbake({"-o", dir.file("t"), dir.write("in.json", join_lines(o.json))});
+    ASSERT_EQ(r.status, 0) << r.err;
+
+    const index_file rr = read_index(dir.file("t.rrname.tgdb"));
+    EXPECT_FALSE(rr.rdata);
+    std::map<std::pair<std::string, uint16_t>, folded> got;
+    for (size_t i = 0; i < rr.lines.size(); ++i) {
+      const std::string& line = rr.lines[i];
+      if (i > 0) {
+        EXPECT_LT(compare_rrname_lines(rr.lines[i - 1], line), 0);
+      }
+      const size_t tab = line.find('\t');
+      for (const auto& e : parse_rrname_value(line.substr(tab + 1))) {
+        got[{line.substr(0, tab), e.rrtype}].add(e.count, e.time_first, e.time_last);
+      }
+    }
+    EXPECT_EQ(got.size(), o.by_owner.size());
+    for (const auto& [k, want] : o.by_owner) {
+      EXPECT_EQ(got[k].count, want.count) << k.first;
+      EXPECT_EQ(got[k].first, want.first) << k.first;
+      EXPECT_EQ(got[k].last, want.last) << k.first;
+    }
+
+    const index_file rd = read_index(dir.file("t.rdata.tgdb"));
+    EXPECT_TRUE(rd.rdata);
+    got.clear();
+    for (size_t i = 0; i < rd.lines.size(); ++i) {
+      const std::string& line = rd.lines[i];
+      if (i > 0) {
+        EXPECT_LT(compare_rdata_lines(rd.lines[i - 1], line), 0);
+      }
+      const size_t tab = line.find('\t');
+      const auto v = parse_rdata_value(std::string_view(line).substr(tab + 1));
+      ASSERT_TRUE(v) << line;
+      EXPECT_FALSE(decode_rdata(v->wire_form).empty());
+      got[{line.substr(0, tab), v->entry.rrtype}].add(v->entry.count, v->entry.time_first, v->entry.time_last);
+    }
+    EXPECT_EQ(got.size(), o.by_rdata.size());
+    for (const auto& [k, want] : o.by_rdata) {
+      EXPECT_EQ(got[k].count, want.count) << k.first;
+      EXPECT_EQ(got[k].first, want.first) << k.first;
+      EXPECT_EQ(got[k].last, want.last) << k.first;
+    }
+    for (const index_file* f : {&rr, &rd}) {
+      EXPECT_TRUE(f->has_range);
+      EXPECT_EQ(f->first, o.first);
+      EXPECT_EQ(f->last, o.last);
+    }
+  }
+}
+
+TEST(Ixbake, ZoneFileRoundTrip) {
+  temp_dir dir;
+  const auto r = ixbake({"--time", "2025-03-15", "-o", dir.file("z"), VORN_SOURCE_DIR "/data/example.zone"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err, "ixbake: 18 records read, 0 skipped; wrote " + dir.file("z.rrname.tgdb") + " (9 lines), " +
+                       dir.file("z.rdata.tgdb") + " (18 lines)\n");
+  const index_file rr = read_index(dir.file("z.rrname.tgdb"));
+  const std::vector<std::string> want_rr = {
+      // 0x67d4c300 is 2025-03-15 00:00:00 UTC; one sighting per record.
+      "kestrel-analytics.io\t4:67d4c300:1 n:67d4c300:2 s:67d4c300:1 m:67d4c300:2 t:67d4c300:1 65:67d4c300:1 "
+      "257:67d4c300:1",
+      "sip.kestrel-analytics.io\t4:67d4c300:1",
+      "vpn.kestrel-analytics.io\t4:67d4c300:1",
+      "www.kestrel-analytics.io\tc:67d4c300:1",
+      "_sip._tcp.kestrel-analytics.io\tv:67d4c300:1",
+      "mail.kestrel-analytics.io\t4:67d4c300:1 6:67d4c300:1",
+      "login.kestrel-analytics.io\t4:67d4c300:1",
+      "mail2.kestrel-analytics.io\t4:67d4c300:1",
+      "login2.kestrel-analytics.io\t4:67d4c300:1",
+  };
+  EXPECT_EQ(rr.lines, want_rr);
+  EXPECT_EQ(rr.first, 0x67d4c300u);
+  const index_file rd = read_index(dir.file("z.rdata.tgdb"));
+  ASSERT_EQ(rd.lines.size(), 18u);
+  const std::string want_some[] = {
+      "10 mail.kestrel-analytics.io\t29/000a046d61696c116b65737472656c2d616e616c797469637302696f00 m:67d4c300:1",
+      "1 . alpn=h2,h3\t13/00010000010006026832026833 65:67d4c300:1",
+      "0 issue \"certs.dnsgrid.net\"\t24/0005697373756563657274732e646e73677269642e6e6574 257:67d4c300:1",
+      "198.51.100.21\t4/c6336415 4:67d4c300:1",
+  };
+  for (const auto& line : want_some) {
+    EXPECT_NE(std::find(rd.lines.begin(), rd.lines.end(), line), rd.lines.end()) << line;
+  }
+}
+
+TEST(Ixbake, SameInputSameBytesWhateverTheOrderSplitOrThreads) {
+  std::mt19937_64 rng(11);
+  temp_dir dir;
+  observations o = random_observations(rng, 2000);
+  ASSERT_EQ(ixbake({"-o", dir.file("a"), dir.write("a.json", join_lines(o.json))}).status, 0);
+  std::shuffle(o.json.begin(), o.json.end(), rng);
+  const auto half = o.json.begin() + 1000;
+  const std::string p1 = dir.write("b1.json", join_lines({o.json.begin(), half}));
+  const std::string p2 = dir.write("b2.json", join_lines({half, o.json.end()}));
+  ASSERT_EQ(ixbake({"--threads", "1", "-o", dir.file("b"), p2, p1}).status, 0);
+  ASSERT_EQ(ixbake({"--threads", "3", "-o", dir.file("c"), p1, p2}).status, 0);
+  for (const char* kind : {".rrname.tgdb", ".rdata.tgdb"}) {
+    const std::string a = slurp(dir.file(std::string("a") + kind));
+    EXPECT_GT(a.size(), 0u);
+    EXPECT_EQ(a, slurp(dir.file(std::string("b") + kind))) << kind;
+    EXPECT_EQ(a, slurp(dir.file(std::string("c") + kind))) << kind;
+  }
+}
+
+TEST(Ixbake, BadRecordsAreReportedCountedAndSkipped) {
+  const std::string good =
+      R"({"rrname":"ok.example","rrtype":"A","rdata":"192.0.2.1","time_first":5,"time_last":9,"count":2})";
+  const struct {
+    std::string line;
+    std::string message;
+  } cases[] = {
+      {R"({"rrname":"x.example","rrtype":"A","rdata":"192.0.2.1",)", "not valid JSON"},
+      {R"(["rrname"])", "not a JSON object"},
+      {R"({"rrtype":"A","rdata":"192.0.2.1","time_first":1,"time_last":2,"count":1})", "missing \"rrname\""},
+      {R"({"rrname":"x.example","rrtype":"FOO","rdata":"1","time_first":1,"time_last":2,"count":1})",
+       "unknown record type \"FOO\""},
+      {R"({"rrname":"x.example","rrtype":"A","rdata":"192.0.2","time_first":1,"time_last":2,"count":1})",
+       "rdata \"192.0.2\" is not valid A: "},
+      {R"({"rrname":"x..example","rrtype":"A","rdata":"192.0.2.1","time_first":1,"time_last":2,"count":1})",
+       "bad owner name \"x..example\""},
+      {R"({"rrname":"x.example","rrtype":"A","rdata":"192.0.2.1","time_first":-1,"time_last":2,"count":1})",
+       "\"time_first\" must be a whole number of seconds from 0 to 4294967295"},
+      {R"({"rrname":"x.example","rrtype":"A","rdata":"192.0.2.1","time_first":1,"time_last":4294967296,"count":1})",
+       "\"time_last\" must be a whole number"},
+      {R"({"rrname":"x.example","rrtype":"A","rdata":"192.0.2.1","time_first":3,"time_last":2,"count":1})",
+       "\"time_last\" is before \"time_first\""},
+      {R"({"rrname":"x.example","rrtype":"A","rdata":"192.0.2.1","time_first":1,"time_last":2,"count":0})",
+       "\"count\" must be a positive integer"},
+      {R"({"rrname":"x.example","rrtype":"A","rdata":[],"time_first":1,"time_last":2,"count":1})",
+       "\"rdata\" is an empty array"},
+  };
+  temp_dir dir;
+  std::string input = good + "\n\n";  // a blank line is no record
+  for (const auto& c : cases) input += c.line + "\n";
+  const std::string path = dir.write("bad.json", input);
+  const auto r = ixbake({"-o", dir.file("t"), path});
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::istringstream err(r.err);
+  std::string line;
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    ASSERT_TRUE(std::getline(err, line));
+    const std::string where = "ixbake: " + path + ":" + std::to_string(i + 3) + ": ";
+    EXPECT_EQ(line.substr(0, where.size()), where) << line;
+    EXPECT_NE(line.find(cases[i].message), std::string::npos) << line;
+  }
+  ASSERT_TRUE(std::getline(err, line));
+  EXPECT_EQ(line, "ixbake: 12 records read, 11 skipped; wrote " + dir.file("t.rrname.tgdb") + " (1 lines), " +
+                      dir.file("t.rdata.tgdb") + " (1 lines)");
+  EXPECT_EQ(read_index(dir.file("t.rrname.tgdb")).lines, std::vector<std::string>{"ok.example\t4:5,4:2"});
+
+  // --strict: the first bad record ends the run and nothing is left behind.
+  temp_dir out;
+  const auto s = ixbake({"--strict", "-o", out.file("t"), path});
+  EXPECT_EQ(s.status, 1);
+  EXPECT_NE(s.err.find(path + ":3: not valid JSON"), std::string::npos) << s.err;
+  EXPECT_TRUE(std::filesystem::is_empty(out.path()));
+}
+
+TEST(Ixbake, GzipStandardInputAndRecordLinesGiveTheSameFiles) {
+  temp_dir dir;
+  const std::string sample = VORN_SOURCE_DIR "/data/sample-pdns.jsonl";
+  ASSERT_EQ(ixbake({"-o", dir.file("plain"), sample}).status, 0);
+  const std::string text = slurp(sample);
+  gzFile gz = gzopen(dir.file("s.gz").c_str(), "wb");
+  gzwrite(gz, text.data(), unsigned(text.size()));
+  gzclose(gz);
+  ASSERT_EQ(ixbake({"-o", dir.file("gz"), dir.file("s.gz")}).status, 0);
+  // A cut-off compressed stream is an error, not a short input.
+  const std::string gz_bytes = slurp(dir.file("s.gz"));
+  const auto cut = ixbake({"-o", dir.file("cut"), dir.write("cut.gz", gz_bytes.substr(0, gz_bytes.size() / 2))});
+  EXPECT_EQ(cut.status, 1);
+  EXPECT_EQ(cut.err, "ixbake: cannot read " + dir.file("cut.gz") + ": unexpected end of file\nixbake: nothing written\n");
+  ASSERT_EQ(ixbake({"-o", dir.file("stdin")}, text).status, 0);
+  ASSERT_EQ(ixbake({"-o", dir.file("dash"), "-"}, text).status, 0);
+
+  // The files' own lines, fed back (split in two, one line twice) as
+  // record lines, bake to the same files.
+  const index_file rr = read_index(dir.file("plain.rrname.tgdb"));
+  const index_file rd = read_index(dir.file("plain.rdata.tgdb"));
+  ASSERT_GT(rr.lines.size(), 100u);
+  std::vector<std::string> rr_lines = rr.lines;
+  const auto multi = std::find_if(rr_lines.begin(), rr_lines.end(),
+                                  [](const std::string& l) { return l.find(' ') != std::string::npos; });
+  ASSERT_NE(multi, rr_lines.end());
+  const std::string whole = *multi;
+  const size_t tab = whole.find('\t'), space = whole.find(' ');
+  *multi = whole.substr(0, space);
+  rr_lines.push_back(whole.substr(0, tab + 1) + whole.substr(space + 1));
+  std::reverse(rr_lines.begin(), rr_lines.end());
+  ASSERT_EQ(ixbake({"--kind", "rrname", "-o", dir.file("lines"), dir.write("rr.txt", join_lines(rr_lines))}).status,
+            0);
+  ASSERT_EQ(ixbake({"--kind", "rdata", "--format", "lines", "-o", dir.file("lines"),
+                    dir.write("rd.txt", join_lines(rd.lines))})
+                .status,
+            0);
+  for (const char* kind : {".rrname.tgdb", ".rdata.tgdb"}) {
+    const std::string want = slurp(dir.file(std::string("plain") + kind));
+    for (const char* other : {"gz", "stdin", "dash", "lines"}) {
+      EXPECT_EQ(slurp(dir.file(std::string(other) + kind)), want) << other << kind;
+    }
+  }
+}
+
+TEST(Ixbake, FilesetListsEachKindInItsOwnSetFile) {
+  temp_dir dir;
+  const std::string in = dir.write("in.json", R"({"rrname":"a.example","rrtype":"A","rdata":"192.0.2.1",)"
+                                              R"("time_first":1,"time_last":2,"count":1})"
+                                              "\n");
+  const std::string set = dir.file("idx.set");
+  ASSERT_EQ(ixbake({"--fileset", set, "-o", dir.file("one"), in}).status, 0);
+  ASSERT_EQ(ixbake({"--fileset", set, "-o", dir.file("two"), in}).status, 0);
+  ASSERT_EQ(ixbake({"--fileset", set, "-o", dir.file("two"), in}).status, 0);  // already listed
+  EXPECT_EQ(slurp(set), "one.rrname.tgdb\ntwo.rrname.tgdb\n");
+  EXPECT_EQ(slurp(set + ".rdata"), "one.rdata.tgdb\ntwo.rdata.tgdb\n");
+  const std::string only = dir.file("rd.set");
+  ASSERT_EQ(ixbake({"--kind", "rdata", "--fileset", only, "-o", dir.file("three"), in}).status, 0);
+  EXPECT_EQ(slurp(only), "three.rdata.tgdb\n");
+  EXPECT_FALSE(std::filesystem::exists(dir.file("three.rrname.tgdb")));
+}
+
+TEST(Ixbake, CommandLineMistakesExitWithStatusOne) {
+  const struct {
+    std::vector<std::string> args;
+    std::string message;
+  } cases[] = {
+      {{}, "ixbake: an output prefix is required (-o PREFIX)\n"},
+      {{"-o", "x", "--kind", "all"}, "ixbake: --kind must be both, rrname or rdata, not 'all'\n"},
+      {{"-o", "x", "--format", "csv"}, "ixbake: --format must be auto, json, zone or lines, not 'csv'\n"},
+      {{"-o", "x", "--format", "lines"}, "ixbake: --format lines needs --kind rrname or --kind rdata\n"},
+      {{"-o", "x", "--time", "yesterday-ish"}, "ixbake: --time 'yesterday-ish' is not a time"},
+      {{"-o", "x", "--origin", "a..b"}, "ixbake: --origin 'a..b' is not a domain name"},
+      {{"-o", "x", "--bogus"}, "ixbake: unknown option --bogus\n"},
+      {{"-o"}, "ixbake: option -o needs a value\n"},
+      {{"-o", "/nonexistent-dir/x", "-"}, "ixbake: cannot write in /nonexistent-dir: "},
+      {{"-o", "/tmp/ixbake-test-never", "/nonexistent-file"}, "ixbake: cannot open /nonexistent-file: "},
+  };
+  for (const auto& c : cases) {
+    const auto r = run_binary(IXBAKE_BIN, c.args);
+    EXPECT_EQ(r.status, 1) << c.message;
+    EXPECT_EQ(r.err.substr(0, c.message.size()), c.message);
+  }
+  const auto h = run_binary(IXBAKE_BIN, {"-h"});
+  EXPECT_EQ(h.status, 0);
+  EXPECT_NE(h.out.find("SETFILE.rdata"), std::string::npos);
+}
+
+}  // namespace
