@@ -6,7 +6,8 @@ ASAN_BUILD ?= build-asan
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 60
 
-.PHONY: all build asan check test demo fuzz bench clean bootstrap
+.PHONY: all build programs asan check test demo fuzz bench clean bootstrap
+MAKEFLAGS += --no-print-directory
 
 all: build
 
@@ -32,7 +33,12 @@ check: build asan
 
 test: check
 
-demo: build
+# Just the two programs, quietly.
+programs: bootstrap
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS) --target vornsearch ixbake -- --no-print-directory >/dev/null
+
+demo: programs
 	@scripts/demo $(BUILD)
 
 fuzz:
