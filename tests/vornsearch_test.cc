@@ -292,3 +292,35 @@ TEST(vornsearch_timeout, stalls_time_out_but_steady_results_do_not) {
 }
 
 }  // namespace
+
+namespace {
+
+// What ixbake writes is what vornsearch finds: counts summed, times widened,
+// record data found by its text, and a fileset that ixbake keeps.
+TEST(vornsearch_ixbake, baked_observations_are_found) {
+  temp_dir dir;
+  dir.write("feed.jsonl",
+            R"({"rrname":"WWW.Example.COM.","rrtype":"A","rdata":"192.0.2.1","time_first":1700000000,"time_last":1700000100,"count":2})"
+            "\n"
+            R"({"rrname":"www.example.com","rrtype":"A","rdata":["192.0.2.1","192.0.2.2"],"time_first":1690000000,"time_last":1700000000,"count":3})"
+            "\n"
+            R"({"rrname":"mail.example.com","rrtype":"MX","rdata":"10 mx1.Example.com.","time_first":1700000000,"time_last":1700000000,"count":1})"
+            "\n");
+  run_result bake = run_binary(IXBAKE_BIN, {"-q", "--no-sync", "--fileset", dir.file("names.set"), "-o",
+                                            dir.file("feed"), dir.file("feed.jsonl")});
+  ASSERT_EQ(bake.status, 0) << bake.err;
+
+  run_result r = run_vornsearch({"-f", dir.file("names.set"), "-r", "-s", "example"});
+  EXPECT_EQ(r.out,
+            "www.example.com\t4:64bb5a80,9896e4:8\n"
+            "mail.example.com\tm:6553f100:1\n");
+  EXPECT_EQ(r.status, 0) << r.err;
+
+  r = run_vornsearch({"-f", dir.file("names.set.rdata"), "-r", "-s", "^(192\\.0\\.2\\.2|10 mx1\\.)"});
+  EXPECT_EQ(r.out,
+            "10 mx1.example.com\t19/000a036d7831076578616d706c6503636f6d00 m:6553f100:1\n"
+            "192.0.2.2\t4/c0000202 4:64bb5a80,989680:3\n");
+  EXPECT_EQ(r.status, 0) << r.err;
+}
+
+}  // namespace
