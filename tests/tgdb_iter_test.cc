@@ -10,21 +10,12 @@
 #include <random>
 
 #include "log/log.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 #include "tgdb/deadline.h"
 #include "tgdb/tgdb_writer.h"
 
 namespace {
-
-struct log_capture {  // log output while it lives
-  char* buf = nullptr;
-  size_t len = 0;
-  FILE* f = open_memstream(&buf, &len);
-  FILE* old = log_get_stream();
-  log_capture() { log_set_stream(f), log_set_level(LOG_TRACE); }
-  ~log_capture() { log_set_stream(old), log_set_level(LOG_INFO), fclose(f), free(buf); }
-  std::string text() { return fflush(f), std::string(buf, len); }
-};
 
 int property_count() {
   const char* s = getenv("VORN_PROPERTY_COUNT");

@@ -32,15 +32,6 @@ constexpr size_t CHUNK_BYTES = size_t{1} << 20;
 // Bad records are each reported up to this many; the summary counts them all.
 constexpr uint64_t SHOWN_BAD_RECORDS = 100;
 
-std::string quoted(std::string_view s) {
-  constexpr size_t cut = 60;
-  std::string out = "\"";
-  out.append(s.substr(0, cut));
-  if (s.size() > cut) out += "...";
-  escape_control_bytes(out);
-  return out + "\"";
-}
-
 // Standard error is shared by the progress line, bad-record reports and
 // fatal errors, from several threads.
 class reporter {

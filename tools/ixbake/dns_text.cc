@@ -68,6 +68,15 @@ std::string rrtype_name(uint16_t rrtype) {
   return "TYPE" + std::to_string(rrtype);
 }
 
+std::string quoted(std::string_view s) {
+  constexpr size_t cut = 60;
+  std::string out = "\"";
+  out.append(s.substr(0, cut));
+  if (s.size() > cut) out += "...";
+  escape_control_bytes(out);
+  return out + "\"";
+}
+
 void escape_control_bytes(std::string& text) {
   size_t i = 0;
   while (i < text.size() && (static_cast<unsigned char>(text[i]) >= 0x20 && text[i] != 0x7f)) ++i;

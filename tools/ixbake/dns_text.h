@@ -27,6 +27,8 @@ std::string rrtype_name(uint16_t rrtype);
 
 // Escapes control bytes (below 0x20, and 0x7f) as \DDD.
 void escape_control_bytes(std::string& text);
+// `s` in double quotes for a message, cut at 60 bytes, control bytes escaped.
+std::string quoted(std::string_view s);
 
 // Parses names and record data through the DNS library. One per thread: it
 // keeps scratch buffers and the last record parsed.

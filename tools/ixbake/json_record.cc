@@ -9,15 +9,6 @@ namespace dom = simdjson::dom;
 
 namespace {
 
-std::string quoted(std::string_view s) {
-  constexpr size_t cut = 60;
-  std::string out = "\"";
-  out.append(s.substr(0, cut));
-  if (s.size() > cut) out += "...";
-  escape_control_bytes(out);
-  return out + "\"";
-}
-
 bool get_time(dom::element v, const char* name, uint32_t& out, std::string& err) {
   uint64_t t = 0;
   if (v.get_uint64().get(t) != sj::SUCCESS || t > UINT32_MAX) {
