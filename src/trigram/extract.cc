@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <bitset>
 #include <map>
 #include <memory>
 #include <optional>
@@ -28,9 +29,11 @@ std::string to_symbols(std::string_view bytes) {
 }
 
 uint64_t class_symbols(const re_elem& c) {
+  if (c.class_is_universal()) return ALL_SYMBOLS;
   uint64_t mask = 0;
-  for (int b = 0; b < 256; ++b)
-    if (c.class_has(static_cast<unsigned char>(b))) mask |= uint64_t{1} << trigram_symbol(static_cast<unsigned char>(b));
+  for (int w = 0; w < 4; ++w)
+    for (uint64_t bits = c.bits[w]; bits != 0; bits &= bits - 1)
+      mask |= uint64_t{1} << trigram_symbol(static_cast<unsigned char>(w * 64 + std::countr_zero(bits)));
   return mask;
 }
 
@@ -51,12 +54,29 @@ struct budget {
   size_t weight;         // symbols in the complete strings of a node
   size_t affix;          // prefix or suffix strings per node
   size_t pairs;          // string pairs examined at one junction
+  size_t work;           // pairs and strings examined in one whole analysis
+
+  // Takes `n` units of work; false once the analysis has used up its share.
+  // From then on every set is kept minimal and no junction is examined,
+  // which only weakens the query, so that long expressions stay fast.
+  bool spend(size_t n) {
+    if (n <= work) {
+      work -= n;
+      return true;
+    }
+    work = 0;
+    class_symbols = 0;
+    exact = 1;
+    affix = 1;
+    pairs = 0;
+    return false;
+  }
 };
-constexpr budget FIRST_BUDGET{40, 64, 16384, 128, 128};
-constexpr budget SECOND_BUDGET{41, 512, 65536, 512, 1024};
+constexpr budget FIRST_BUDGET{40, 64, 16384, 128, 128, 10000};
+constexpr budget SECOND_BUDGET{41, 512, 65536, 512, 1024, 10000};
 
 constexpr size_t MAX_AND_TRIGRAMS = 1024;  // trigrams required side by side
-constexpr size_t MAX_AND_MEMBERS = 256;    // alternatives required side by side
+constexpr size_t MAX_AND_MEMBERS = 64;     // alternatives required side by side
 constexpr size_t MAX_OR_LEAVES = 65536;    // trigrams below one alternative
 constexpr size_t MAX_QUERY_LEAVES = 65536;
 
@@ -99,14 +119,17 @@ qref q_and(const qref& a, const qref& b) {
   tris.reserve(a->tris.size() + b->tris.size());
   std::set_union(a->tris.begin(), a->tris.end(), b->tris.begin(), b->tris.end(), std::back_inserter(tris));
   std::vector<qref> kids = a->kids;
-  for (const qref& k : b->kids)
+  for (const qref& k : b->kids) {
+    if (kids.size() >= MAX_AND_MEMBERS) break;
     if (std::find(kids.begin(), kids.end(), k) == kids.end()) kids.push_back(k);
+  }
   return make_and(std::move(tris), std::move(kids));
 }
 
 bool contains(const std::vector<qref>& v, const qref& x) { return std::find(v.begin(), v.end(), x) != v.end(); }
 
 qref q_or(std::vector<qref> alts) {
+  if (alts.size() == 1) return alts[0];
   std::vector<qref> flat;
   std::set<const qnode*> seen;
   std::set<std::vector<int32_t>> seen_sets;
@@ -233,23 +256,77 @@ size_t weight(const strset& s) {
 std::string first2(const std::string& s) { return s.substr(0, 2); }
 std::string last2(const std::string& s) { return s.size() <= 2 ? s : s.substr(s.size() - 2); }
 
-// Affix strings cut to at most two symbols, then to one and finally to
-// nothing while there are more than the budget allows. Cutting never loses
-// a trigram the caller has not already required.
-strset cut_affixes(const strset& raw, bool front, size_t budget_size) {
-  strset out;
-  for (size_t keep = 2;; --keep) {
-    out.clear();
-    for (const std::string& r : raw)
-      out.push_back(r.size() <= keep ? r : front ? r.substr(0, keep) : r.substr(r.size() - keep));
-    tidy(out);
-    if (out.size() <= budget_size || keep == 0) break;
+// A set of prefix or suffix strings of at most two symbols, kept as a
+// bitmap over all such strings.
+class affix_set {
+ public:
+  static constexpr int VALUES = 42;  // symbols and the pad
+  static constexpr size_t CODES = 1 + VALUES + VALUES * VALUES;
+
+  // The set that says nothing: {""}.
+  static affix_set unknown() {
+    affix_set a;
+    a.bits_.set(0);
+    return a;
   }
-  return out;
-}
+
+  // Adds the first (`front`) or last two symbols of `s`.
+  void add(std::string_view s, bool front) {
+    if (s.size() > 2) s = front ? s.substr(0, 2) : s.substr(s.size() - 2);
+    bits_.set(code(s));
+  }
+  void merge(const affix_set& o) { bits_ |= o.bits_; }
+  size_t size() const { return bits_.count(); }
+
+  strset strings() const {
+    strset out;
+    for (size_t c = bits_._Find_first(); c < CODES; c = bits_._Find_next(c)) out.push_back(text(c));
+    return out;
+  }
+
+  // The distinct first (`front`) or last symbols, "" for the empty string.
+  strset ends(bool front) const { return shortened(1, front).strings(); }
+
+  // Within `cap` strings: cut to one symbol, then to nothing. Cutting loses
+  // nothing the caller has not already required: a string of two symbols
+  // holds no trigram.
+  void fit(size_t cap, bool front) {
+    if (size() <= cap) return;
+    *this = shortened(1, front);
+    if (size() > cap) *this = unknown();
+  }
+
+ private:
+  static size_t code(std::string_view s) {
+    if (s.empty()) return 0;
+    if (s.size() == 1) return 1 + static_cast<size_t>(s[0]);
+    return 1 + VALUES + static_cast<size_t>(s[0]) * VALUES + static_cast<size_t>(s[1]);
+  }
+  static std::string text(size_t c) {
+    if (c == 0) return {};
+    if (c <= VALUES) return std::string(1, static_cast<char>(c - 1));
+    c -= 1 + VALUES;
+    return {static_cast<char>(c / VALUES), static_cast<char>(c % VALUES)};
+  }
+  // Every string cut to `keep` (0 or 1) symbols.
+  affix_set shortened(size_t keep, bool front) const {
+    affix_set cut;
+    for (size_t c = bits_._Find_first(); c < CODES; c = bits_._Find_next(c)) {
+      size_t k = c;
+      if (keep == 0)
+        k = 0;
+      else if (c > VALUES)
+        k = 1 + (front ? (c - 1 - VALUES) / VALUES : (c - 1 - VALUES) % VALUES);
+      cut.bits_.set(k);
+    }
+    return cut;
+  }
+
+  std::bitset<CODES> bits_;
+};
 
 struct long_part {
-  strset prefix, suffix;
+  affix_set prefix, suffix;
   qref match;
 };
 
@@ -267,7 +344,7 @@ info only_complete(strset c) {
 
 info any_string() {
   info i;
-  i.lng = long_part{{""}, {""}, nullptr};
+  i.lng = long_part{affix_set::unknown(), affix_set::unknown(), nullptr};
   return i;
 }
 
@@ -282,32 +359,34 @@ qref node_query(const info& x) {
 
 // The pieces of a long part being gathered from several sources.
 struct long_builder {
-  strset prefix, suffix;
+  affix_set prefix, suffix;
   std::vector<qref> matches;
   bool any = false;
 
   void add(const long_part& l) {
     any = true;
-    prefix.insert(prefix.end(), l.prefix.begin(), l.prefix.end());
-    suffix.insert(suffix.end(), l.suffix.begin(), l.suffix.end());
+    prefix.merge(l.prefix);
+    suffix.merge(l.suffix);
     matches.push_back(l.match);
   }
   // A complete string described as a long match: its ends and its trigrams.
   void add_string(const std::string& c) {
     any = true;
-    prefix.push_back(first2(c));
-    suffix.push_back(last2(c));
+    prefix.add(c, true);
+    suffix.add(c, false);
     matches.push_back(q_string(c));
   }
-  std::optional<long_part> build(const budget& b) {
+  std::optional<long_part> build(budget& b) {
     if (!any) return std::nullopt;
-    return long_part{cut_affixes(prefix, true, b.affix), cut_affixes(suffix, false, b.affix), q_or(std::move(matches))};
+    prefix.fit(b.affix, true);
+    suffix.fit(b.affix, false);
+    return long_part{prefix, suffix, q_or(std::move(matches))};
   }
 };
 
 // Moves complete strings into the long part: those of two or more symbols,
 // or (`all`) every one but the empty string. False when nothing moved.
-bool demote(info& x, bool all, const budget& b) {
+bool demote(info& x, bool all, budget& b) {
   long_builder lb;
   strset keep;
   for (std::string& c : x.complete) {
@@ -318,16 +397,18 @@ bool demote(info& x, bool all, const budget& b) {
   }
   x.complete = std::move(keep);
   if (!lb.any) return false;
+  b.spend(lb.matches.size());
   if (x.lng) lb.add(*x.lng);
   x.lng = lb.build(b);
   return true;
 }
 
-bool over_budget(const strset& c, const budget& b) { return c.size() > b.exact || weight(c) > b.weight; }
+bool over_budget(const strset& c, budget& b) { return c.size() > b.exact || weight(c) > b.weight; }
 
 // The union of several descriptions, with complete strings over the budget
 // turned into long ones.
-info unite(std::vector<info> parts, const budget& b) {
+info unite(std::vector<info> parts, budget& b) {
+  if (parts.size() == 1 && !over_budget(parts[0].complete, b)) return std::move(parts[0]);
   info out;
   long_builder lb;
   for (info& p : parts) {
@@ -335,6 +416,7 @@ info unite(std::vector<info> parts, const budget& b) {
                         std::make_move_iterator(p.complete.end()));
     if (p.lng) lb.add(*p.lng);
   }
+  b.spend(out.complete.size() + parts.size());
   tidy(out.complete);
   for (bool all : {false, true}) {
     if (!over_budget(out.complete, b)) break;
@@ -351,9 +433,11 @@ info unite(std::vector<info> parts, const budget& b) {
   return out;
 }
 
+bool pairs_allowed(size_t n, budget& b) { return n <= b.pairs && b.spend(n); }
+
 // OR over the pairs of the trigrams across each junction u|v.
-qref junction_query(const strset& left, const strset& right, size_t pair_budget) {
-  if (left.size() * right.size() > pair_budget) return nullptr;
+qref junction_query(const strset& left, const strset& right, budget& b) {
+  if (!pairs_allowed(left.size() * right.size(), b)) return nullptr;
   std::vector<qref> alts;
   for (const std::string& u : left)
     for (const std::string& v : right) {
@@ -365,23 +449,28 @@ qref junction_query(const strset& left, const strset& right, size_t pair_budget)
 }
 
 // Complete strings of x followed by long matches of y.
-long_part join_complete_long(const strset& cx, const long_part& ly, const budget& b) {
-  strset raw;
+long_part join_complete_long(const strset& cx, const long_part& ly, budget& b) {
+  affix_set prefix;
+  const strset firsts = ly.prefix.ends(true);  // a one-symbol string keeps one more
+  b.spend(cx.size() * firsts.size());
   for (const std::string& c : cx) {
-    if (c.size() >= 2) {
-      raw.push_back(first2(c));
-    } else {
-      for (const std::string& p : ly.prefix) raw.push_back(c + p);
-    }
+    if (c.size() >= 2)
+      prefix.add(c, true);
+    else if (c.empty())
+      prefix.merge(ly.prefix);
+    else
+      for (const std::string& f : firsts) prefix.add(c + f, true);
   }
+  prefix.fit(b.affix, true);
   qref m;
   if (cx.size() * ly.prefix.size() <= b.pairs) {
+    const strset prefixes = ly.prefix.strings();
     std::map<std::string, qref> memo;
     std::vector<qref> alts;
     for (const std::string& c : cx) {
       const std::string u = last2(c);
       auto it = memo.find(u);
-      if (it == memo.end()) it = memo.emplace(u, junction_query({u}, ly.prefix, b.pairs)).first;
+      if (it == memo.end()) it = memo.emplace(u, junction_query({u}, prefixes, b)).first;
       alts.push_back(q_and(q_string(c), it->second));
     }
     m = q_or(std::move(alts));
@@ -393,29 +482,35 @@ long_part join_complete_long(const strset& cx, const long_part& ly, const budget
       ends.push_back(last2(c));
     }
     tidy(ends);
-    m = q_and(q_or(std::move(alts)), junction_query(ends, ly.prefix, b.pairs));
+    m = q_or(std::move(alts));
+    if (ends.size() * ly.prefix.size() <= b.pairs) m = q_and(m, junction_query(ends, ly.prefix.strings(), b));
   }
-  return long_part{cut_affixes(raw, true, b.affix), ly.suffix, q_and(ly.match, m)};
+  return long_part{prefix, ly.suffix, q_and(ly.match, m)};
 }
 
 // Long matches of x followed by complete strings of y.
-long_part join_long_complete(const long_part& lx, const strset& cy, const budget& b) {
-  strset raw;
+long_part join_long_complete(const long_part& lx, const strset& cy, budget& b) {
+  affix_set suffix;
+  const strset lasts = lx.suffix.ends(false);
+  b.spend(cy.size() * lasts.size());
   for (const std::string& c : cy) {
-    if (c.size() >= 2) {
-      raw.push_back(last2(c));
-    } else {
-      for (const std::string& s : lx.suffix) raw.push_back(s + c);
-    }
+    if (c.size() >= 2)
+      suffix.add(c, false);
+    else if (c.empty())
+      suffix.merge(lx.suffix);
+    else
+      for (const std::string& l : lasts) suffix.add(l + c, false);
   }
+  suffix.fit(b.affix, false);
   qref m;
   if (lx.suffix.size() * cy.size() <= b.pairs) {
+    const strset suffixes = lx.suffix.strings();
     std::map<std::string, qref> memo;
     std::vector<qref> alts;
     for (const std::string& c : cy) {
       const std::string v = first2(c);
       auto it = memo.find(v);
-      if (it == memo.end()) it = memo.emplace(v, junction_query(lx.suffix, {v}, b.pairs)).first;
+      if (it == memo.end()) it = memo.emplace(v, junction_query(suffixes, {v}, b)).first;
       alts.push_back(q_and(q_string(c), it->second));
     }
     m = q_or(std::move(alts));
@@ -427,12 +522,13 @@ long_part join_long_complete(const long_part& lx, const strset& cy, const budget
       starts.push_back(first2(c));
     }
     tidy(starts);
-    m = q_and(q_or(std::move(alts)), junction_query(lx.suffix, starts, b.pairs));
+    m = q_or(std::move(alts));
+    if (lx.suffix.size() * starts.size() <= b.pairs) m = q_and(m, junction_query(lx.suffix.strings(), starts, b));
   }
-  return long_part{lx.prefix, cut_affixes(raw, false, b.affix), q_and(lx.match, m)};
+  return long_part{lx.prefix, suffix, q_and(lx.match, m)};
 }
 
-info concat(info x, info y, const budget& b) {
+info concat(info x, info y, budget& b) {
   // Keep the product of the complete strings within the budget.
   const auto too_big = [&] {
     return x.complete.size() * y.complete.size() > b.exact ||
@@ -446,6 +542,7 @@ info concat(info x, info y, const budget& b) {
   }
 
   info out;
+  b.spend(x.complete.size() * y.complete.size());
   for (const std::string& cx : x.complete)
     for (const std::string& cy : y.complete) out.complete.push_back(cx + cy);
   tidy(out.complete);
@@ -460,7 +557,10 @@ info concat(info x, info y, const budget& b) {
   if (x.lng && !y.complete.empty()) add(join_long_complete(*x.lng, y.complete, b));
   if (x.lng && y.lng)
     add(long_part{x.lng->prefix, y.lng->suffix,
-                  q_and(q_and(x.lng->match, y.lng->match), junction_query(x.lng->suffix, y.lng->prefix, b.pairs))});
+                  q_and(q_and(x.lng->match, y.lng->match),
+                        x.lng->suffix.size() * y.lng->prefix.size() <= b.pairs
+                            ? junction_query(x.lng->suffix.strings(), y.lng->prefix.strings(), b)
+                            : nullptr)});
   if (!terms.empty()) {
     info joined = unite(std::move(terms), b);
     out.lng = std::move(joined.lng);
@@ -470,15 +570,22 @@ info concat(info x, info y, const budget& b) {
 
 // Every match of a node, seen as a long match: its complete strings become
 // prefixes and suffixes, and the node's query the match query.
-info as_long(const info& x, const budget& b) {
+info as_long(const info& x, budget& b) {
   info out;
   if (x.complete.empty() && !x.lng) return out;
-  strset prefix = x.complete, suffix = x.complete;
-  if (x.lng) {
-    prefix.insert(prefix.end(), x.lng->prefix.begin(), x.lng->prefix.end());
-    suffix.insert(suffix.end(), x.lng->suffix.begin(), x.lng->suffix.end());
+  long_part l;
+  for (const std::string& c : x.complete) {
+    l.prefix.add(c, true);
+    l.suffix.add(c, false);
   }
-  out.lng = long_part{cut_affixes(prefix, true, b.affix), cut_affixes(suffix, false, b.affix), node_query(x)};
+  if (x.lng) {
+    l.prefix.merge(x.lng->prefix);
+    l.suffix.merge(x.lng->suffix);
+  }
+  l.prefix.fit(b.affix, true);
+  l.suffix.fit(b.affix, false);
+  l.match = node_query(x);
+  out.lng = std::move(l);
   return out;
 }
 
@@ -487,7 +594,7 @@ size_t saturating_mul(size_t a, size_t b) { return a != 0 && b > SIZE_MAX / a ? 
 
 // Exact expansion of x{m,n} when x is only complete strings and the result
 // is small; nullopt otherwise.
-std::optional<info> expand_exactly(const info& x, uint32_t m, uint32_t n, const budget& b) {
+std::optional<info> expand_exactly(const info& x, uint32_t m, uint32_t n, budget& b) {
   if (x.lng || n == RE_UNBOUNDED) return std::nullopt;
   size_t longest = 0;
   for (const std::string& c : x.complete) longest = std::max(longest, c.size());
@@ -497,7 +604,8 @@ std::optional<info> expand_exactly(const info& x, uint32_t m, uint32_t n, const 
     total = saturating_add(total, power);
     power = saturating_mul(power, x.complete.size());
   }
-  if (total > b.exact || saturating_mul(saturating_mul(longest, n), total) > b.weight) return std::nullopt;
+  if (total > b.exact || saturating_mul(saturating_mul(longest, n), total) > b.weight || !b.spend(total))
+    return std::nullopt;
 
   strset power_set{""};
   for (uint32_t j = 0; j < m; ++j) {
@@ -519,7 +627,7 @@ std::optional<info> expand_exactly(const info& x, uint32_t m, uint32_t n, const 
   return only_complete(std::move(all));
 }
 
-info repeat(const info& x, uint32_t m, uint32_t n, const budget& b) {
+info repeat(info x, uint32_t m, uint32_t n, budget& b) {
   if (n == 0) return only_complete({""});
   if (m == 0) {
     std::vector<info> parts;
@@ -548,9 +656,9 @@ bool is_any_string(const re_elem& e) {
   return e.type == re_elem_class && e.min == 0 && e.max == RE_UNBOUNDED && class_symbols(e) == ALL_SYMBOLS;
 }
 
-info analyze(const re_elem& e, const budget& b);
+info analyze(const re_elem& e, budget& b);
 
-info analyze_once(const re_elem& e, const budget& b) {
+info analyze_once(const re_elem& e, budget& b) {
   switch (e.type) {
     case re_elem_literal: {
       info i = only_complete({to_symbols(e.text)});
@@ -560,9 +668,7 @@ info analyze_once(const re_elem& e, const budget& b) {
     case re_elem_class: {
       const uint64_t mask = class_symbols(e);
       if (static_cast<size_t>(std::popcount(mask)) > b.class_symbols) {
-        info any;
-        any.lng = long_part{{""}, {""}, nullptr};
-        return any;
+        return any_string();
       }
       strset c;
       for (int s = 0; s < TRIGRAM_SYMBOLS; ++s)
@@ -587,11 +693,10 @@ info analyze_once(const re_elem& e, const budget& b) {
 }
 
 // Anchors stand outside the element's repetition, as the writer puts them.
-info analyze(const re_elem& e, const budget& b) {
+info analyze(const re_elem& e, budget& b) {
   info r = is_any_string(e) ? any_string() : repeat(analyze_once(e, b), e.min, e.max, b);
-  const info pads = only_complete({std::string(2, PAD)});
-  if (e.anchor_start) r = concat(pads, std::move(r), b);
-  if (e.anchor_end) r = concat(std::move(r), pads, b);
+  if (e.anchor_start) r = concat(only_complete({std::string(2, PAD)}), std::move(r), b);
+  if (e.anchor_end) r = concat(std::move(r), only_complete({std::string(2, PAD)}), b);
   return r;
 }
 
@@ -787,7 +892,7 @@ trigram_query_ptr window_trigrams(const std::string& window) { return literal_tr
 // ---------------------------------------------------------------------------
 
 trigram_query_ptr extract_query(const re_elem& tree, bool second_attempt) {
-  const budget& b = second_attempt ? SECOND_BUDGET : FIRST_BUDGET;
+  budget b = second_attempt ? SECOND_BUDGET : FIRST_BUDGET;
   const info root = analyze(tree, b);
   return to_trigram_query(shrink(node_query(root), MAX_QUERY_LEAVES));
 }
