@@ -112,6 +112,17 @@ qref q_ids(std::vector<int32_t> ids) {
   return make_and(std::move(ids), {});
 }
 
+// Structural equality, so that repeated pieces are required once.
+bool same_query(const qref& a, const qref& b) {
+  if (a == b) return true;
+  if (!a || !b || a->is_or != b->is_or || a->leaves != b->leaves || a->tris != b->tris ||
+      a->kids.size() != b->kids.size())
+    return false;
+  for (size_t i = 0; i < a->kids.size(); ++i)
+    if (!same_query(a->kids[i], b->kids[i])) return false;
+  return true;
+}
+
 qref q_and(const qref& a, const qref& b) {
   if (!a) return b;
   if (!b || a == b) return a;
@@ -121,7 +132,8 @@ qref q_and(const qref& a, const qref& b) {
   std::vector<qref> kids = a->kids;
   for (const qref& k : b->kids) {
     if (kids.size() >= MAX_AND_MEMBERS) break;
-    if (std::find(kids.begin(), kids.end(), k) == kids.end()) kids.push_back(k);
+    if (std::none_of(kids.begin(), kids.end(), [&](const qref& have) { return same_query(have, k); }))
+      kids.push_back(k);
   }
   return make_and(std::move(tris), std::move(kids));
 }

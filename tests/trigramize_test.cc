@@ -1,0 +1,147 @@
+// The trigramization driver (statuses, messages, log lines, table-scan
+// fallback) and the confirming matcher.
+#include "trigram/trigramize.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "log/log.h"
+#include "trigram/matcher.h"
+
+namespace {
+
+template <class F>
+std::string logged(int level, F&& fn) {
+  char* buf = nullptr;
+  size_t len = 0;
+  FILE* stream = open_memstream(&buf, &len);
+  log_context_push();
+  log_set_stream(stream);
+  log_set_level(level);
+  log_set_prefix_text("");
+  fn();
+  log_context_pop();
+  fclose(stream);
+  std::string out(buf, len);
+  free(buf);
+  return out;
+}
+
+bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+TEST(trigramize, parse_errors) {
+  const struct {
+    const char* expression;
+    bool glob;
+    int status;
+    const char* message;
+    const char* log;
+  } rows[] = {
+      {"a{3,2}", false, 2, "Invalid bound at 1: 3 > 2", "Error parsing regex expression: Invalid bound at 1: 3 > 2\n"},
+      {"[abc", true, 4, "Unmatched [ at 0", "Error parsing glob expression: Unmatched [ at 0\n"},
+  };
+  for (const auto& row : rows) {
+    std::optional<std::string> pattern = "untouched";
+    int status = -1;
+    std::string error;
+    trigram_query_ptr q;
+    EXPECT_EQ(logged(LOG_DEBUG, [&] { q = trigramize(row.expression, &pattern, &status, &error, row.glob); }),
+              row.log);
+    EXPECT_EQ(q, nullptr);
+    EXPECT_EQ(status, row.status);
+    EXPECT_EQ(error, row.message);
+    EXPECT_EQ(pattern, "untouched");
+  }
+}
+
+TEST(trigramize, log_lines_and_table_scan_fallback) {
+  const struct {
+    const char* expression;
+    bool glob;
+    int level;
+    const char* pattern;
+    bool filtered;    // a query, or none (table scan)
+    std::string log;  // exact, or (`part`) a part of it
+    bool part;
+  } rows[] = {
+      {"x{1,1}", false, LOG_INFO, "x", false, "search expression {x{1,1}} converted to {x}\n", false},
+      {"*.com", true, LOG_INFO, "^.*\\.com$", true, "", false},
+      {"*.com", true, LOG_DEBUG, "^.*\\.com$", true, "search expression {*.com} converted to {^.*\\.com$}\n--- final",
+       true},
+      {"abc", false, LOG_DEBUG, "abc", true, "--- final result:\n+ TGR: 0=(1), # intersection[s] = 1 | 3403(abc) \n\n",
+       false},
+      {"abc", false, LOG_TRACE, "abc", true,
+       "--- end orig\n+literal [0] | 1    \"abc\"\n--- end fixup\n--- pre-optimized", true},
+      {".", false, LOG_INFO, ".", false, "", false},
+      {".", false, LOG_DEBUG, ".", false,
+       "--- final result:\n(no trigram filter)\n\nWarning: overly broad expression fell back to table scan {.}\n", false},
+      {"a", false, LOG_DEBUG, "a", false, "fell back to table scan {a}\n", true},
+      {".*", false, LOG_DEBUG, ".*", false, "fell back to table scan {.*}\n", true},
+      {"[0-9]+", false, LOG_DEBUG, "[0-9]+", false, "fell back to table scan {[0-9]+}\n", true},
+  };
+  for (const auto& row : rows) {
+    std::optional<std::string> pattern;
+    int status = -1;
+    std::string error = "stale";
+    trigram_query_ptr q;
+    const std::string log = logged(row.level, [&] { q = trigramize(row.expression, &pattern, &status, &error, row.glob); });
+    if (row.part)
+      EXPECT_TRUE(contains(log, row.log)) << row.expression << "\n" << log;
+    else
+      EXPECT_EQ(log, row.log) << row.expression;
+    EXPECT_EQ(pattern, row.pattern);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(error, "");
+    EXPECT_EQ(q != nullptr, row.filtered) << row.expression;
+  }
+  // Without a place for the pattern nothing is written out, so nothing is reported as converted.
+  EXPECT_EQ(logged(LOG_INFO, [] { trigramize("x{1,1}", nullptr, nullptr, nullptr, false); }), "");
+}
+
+TEST(matcher, confirms_caselessly_and_excludes) {
+  auto ctx = std::make_unique<search_context>();
+  ASSERT_TRUE(compile_search(*ctx, "abc", false, nullptr, nullptr));
+  EXPECT_NE(ctx->query, nullptr);
+  EXPECT_TRUE(match_line(*ctx, "xxABCxx", 7));
+  EXPECT_FALSE(match_line(*ctx, "xxABCxx", 4));  // only the given length is scanned
+  ASSERT_TRUE(compile_exclude(*ctx, "*d", true, nullptr));
+  EXPECT_EQ(ctx->exclude_pattern, "^.*d$");
+  EXPECT_TRUE(match_line(*ctx, "abc.", 4));
+  EXPECT_FALSE(match_line(*ctx, "abcd", 4));
+  free_search_context(ctx);
+  EXPECT_EQ(ctx, nullptr);
+
+  search_context empty;  // no main pattern: every candidate passes, exclusion is not consulted
+  ASSERT_TRUE(compile_exclude(empty, "a", false, nullptr));
+  EXPECT_TRUE(match_line(empty, "a", 1));
+
+  search_context blank;  // a pattern that matches the empty string confirms every line
+  ASSERT_TRUE(compile_search(blank, "x*", false, nullptr, nullptr));
+  EXPECT_EQ(blank.query, nullptr);
+  EXPECT_TRUE(match_line(blank, "", 0));
+  EXPECT_TRUE(match_line(blank, "yyy", 3));
+}
+
+TEST(matcher, errors) {
+  search_context ctx;
+  std::string error;
+  int status = -1;
+  const std::string log = logged(LOG_DEBUG, [&] { EXPECT_FALSE(compile_search(ctx, "a{3,2}", false, &status, &error)); });
+  EXPECT_TRUE(contains(log, "Error in decomposition: Invalid bound at 1: 3 > 2\n"));
+  EXPECT_EQ(status, 2);
+  EXPECT_FALSE(compile_exclude(ctx, "[a", false, &error));
+  EXPECT_EQ(error, "Unmatched [ at 0");
+
+  // Parsed, but refused by the matcher: the message names the main pattern, also for the exclude pattern.
+  EXPECT_FALSE(compile_search(ctx, "a{65534}", false, nullptr, &error));
+  EXPECT_EQ(error, "Internal regexp error: Bounded repeat is too large. (a{65534})");
+  ASSERT_TRUE(compile_search(ctx, "abc", false, nullptr, &error));
+  EXPECT_FALSE(compile_exclude(ctx, "b{65534}", false, &error));
+  EXPECT_EQ(error, "Internal regexp error: Bounded repeat is too large. (abc)");
+  EXPECT_FALSE(compile_pattern(std::nullopt, ctx.databases[1], ctx.scratches[1], "(", &error));
+  EXPECT_TRUE(contains(error, " ((null))"));
+}
+
+}  // namespace
