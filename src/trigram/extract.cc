@@ -668,48 +668,66 @@ bool is_any_string(const re_elem& e) {
   return e.type == re_elem_class && e.min == 0 && e.max == RE_UNBOUNDED && class_symbols(e) == ALL_SYMBOLS;
 }
 
-info analyze(const re_elem& e, budget& b);
+// Nesting deeper than this is described as "any string": a description that
+// holds for every element, so the stack stays small on any tree.
+constexpr int MAX_ANALYSIS_DEPTH = 200;
 
-info analyze_once(const re_elem& e, budget& b) {
-  switch (e.type) {
-    case re_elem_literal: {
-      info i = only_complete({to_symbols(e.text)});
-      if (e.text.size() > b.weight) demote(i, true, b);
-      return i;
-    }
-    case re_elem_class: {
-      const uint64_t mask = class_symbols(e);
-      if (static_cast<size_t>(std::popcount(mask)) > b.class_symbols) {
-        return any_string();
-      }
-      strset c;
-      for (int s = 0; s < TRIGRAM_SYMBOLS; ++s)
-        if ((mask >> s) & 1) c.push_back(std::string(1, static_cast<char>(s)));
-      return only_complete(std::move(c));
-    }
-    case re_elem_group: {
-      std::vector<info> parts;
-      parts.reserve(e.children.size());
-      for (const re_elem_ptr& alt : e.children)
-        if (alt) parts.push_back(analyze(*alt, b));
-      return unite(std::move(parts), b);
-    }
-    case re_elem_sequence: {
-      info acc = only_complete({""});
-      for (const re_elem_ptr& child : e.children)
-        if (child) acc = concat(std::move(acc), analyze(*child, b), b);
-      return acc;
-    }
-  }
-  return info{};
+info analyze(const re_elem& e, budget& b, int depth);
+
+// The leaves and the finishing steps sit in functions of their own, so that
+// the frames of the recursion stay small.
+[[gnu::noinline]] info analyze_literal(const re_elem& e, budget& b) {
+  info i = only_complete({to_symbols(e.text)});
+  if (e.text.size() > b.weight) demote(i, true, b);
+  return i;
 }
 
-// Anchors stand outside the element's repetition, as the writer puts them.
-info analyze(const re_elem& e, budget& b) {
-  info r = is_any_string(e) ? any_string() : repeat(analyze_once(e, b), e.min, e.max, b);
+[[gnu::noinline]] info analyze_class(const re_elem& e, budget& b) {
+  const uint64_t mask = class_symbols(e);
+  if (static_cast<size_t>(std::popcount(mask)) > b.class_symbols) return any_string();
+  strset c;
+  for (int s = 0; s < TRIGRAM_SYMBOLS; ++s)
+    if ((mask >> s) & 1) c.push_back(std::string(1, static_cast<char>(s)));
+  return only_complete(std::move(c));
+}
+
+[[gnu::noinline]] info anchor(info r, const re_elem& e, budget& b) {
   if (e.anchor_start) r = concat(only_complete({std::string(2, PAD)}), std::move(r), b);
   if (e.anchor_end) r = concat(std::move(r), only_complete({std::string(2, PAD)}), b);
   return r;
+}
+
+// Anchors stand outside the element's repetition, as the writer puts them.
+[[gnu::noinline]] info repeat_and_anchor(info once, const re_elem& e, budget& b) {
+  return anchor(repeat(std::move(once), e.min, e.max, b), e, b);
+}
+
+[[gnu::noinline]] info concat_into(info acc, info next, budget& b) { return concat(std::move(acc), std::move(next), b); }
+
+info analyze_children(const re_elem& e, budget& b, int depth) {
+  if (e.type == re_elem_group) {
+    std::vector<info> parts;
+    parts.reserve(e.children.size());
+    for (const re_elem_ptr& alt : e.children)
+      if (alt) parts.push_back(analyze(*alt, b, depth + 1));
+    return unite(std::move(parts), b);
+  }
+  info acc = only_complete({""});
+  for (const re_elem_ptr& child : e.children)
+    if (child) acc = concat_into(std::move(acc), analyze(*child, b, depth + 1), b);
+  return acc;
+}
+
+info analyze(const re_elem& e, budget& b, int depth) {
+  if (depth > MAX_ANALYSIS_DEPTH || is_any_string(e)) return anchor(any_string(), e, b);
+  switch (e.type) {
+    case re_elem_literal:
+      return repeat_and_anchor(analyze_literal(e, b), e, b);
+    case re_elem_class:
+      return repeat_and_anchor(analyze_class(e, b), e, b);
+    default:
+      return repeat_and_anchor(analyze_children(e, b, depth), e, b);
+  }
 }
 
 // ---------------------------------------------------------------------------
@@ -905,7 +923,7 @@ trigram_query_ptr window_trigrams(const std::string& window) { return literal_tr
 
 trigram_query_ptr extract_query(const re_elem& tree, bool second_attempt) {
   budget b = second_attempt ? SECOND_BUDGET : FIRST_BUDGET;
-  const info root = analyze(tree, b);
+  const info root = analyze(tree, b, 0);
   return to_trigram_query(shrink(node_query(root), MAX_QUERY_LEAVES));
 }
 
