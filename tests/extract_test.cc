@@ -54,6 +54,7 @@ TEST(extract, selectivity) {
     std::vector<std::string> accepted;  // matching keys
     std::vector<std::string> rejected;  // keys the index need not propose
   } rows[] = {
+      // clang-format off
       {"abcdef", false, {"abc", "bcd", "cde", "def"}, {}, {"xxABCDEFxx"}, {"abcde"}},
       {"ABC", false, {"abc"}, {}, {"abc"}, {"ab"}},
       {"^mail\\.", false, {"^^m", "^ma", "mai", "ail", "il."}, {}, {"mail.example.com"}, {"email.com"}},
@@ -67,6 +68,7 @@ TEST(extract, selectivity) {
       {"^a$", false, {"^^a", "a^^"}, {}, {"a"}, {"ab", "ba"}},  // a one-character key has no (^,a,^)
       {"x[abcd]{7}y", false, {}, {}, {"xabcdabcy", "xdddddddy"}, {"x"}},
       {"a.c", false, {}, each("a?c", "abcdefghijklmnopqrstuvwxyz0123456789.-_^@"), {"a-c"}, {"ac"}},
+      // clang-format on
   };
   for (const auto& row : rows) {
     std::optional<std::string> pattern;
@@ -109,14 +111,14 @@ TEST(extract, tree_preparation) {
     const char* regex;
     const char* prepared;
   } rows[] = {
-      {"x[A-C*^]y", "x[@\\^a-c]y"},        // onto the alphabet; '^' kept
+      {"x[A-C*^]y", "x[@\\^a-c]y"},           // onto the alphabet; '^' kept
       {"x[ab]{2,5}y", "x[ab]{2}.*[ab]{2}y"},  // variable run: head, gap, tail
       {"x[a-z]{1,4}y", "x[a-z].*[a-z]y"},
-      {"xb{3}", "xbbb"},                   // fixed repetition written out
-      {"(a{2,4}|bc)", "(aaa{0,2}|bc)"},   // in a group: two copies, then the rest
-      {"xa{3,5}", "xaaaa{0,2}"},          // bounded short literal
-      {"x[a-z0-9_]y", "x.y"},              // wider than 30 members
-      {"(^ab){2}x", "(^ab){2}x"},          // an anchor inside a repetition stays inside
+      {"xb{3}", "xbbb"},                 // fixed repetition written out
+      {"(a{2,4}|bc)", "(aaa{0,2}|bc)"},  // in a group: two copies, then the rest
+      {"xa{3,5}", "xaaaa{0,2}"},         // bounded short literal
+      {"x[a-z0-9_]y", "x.y"},            // wider than 30 members
+      {"(^ab){2}x", "(^ab){2}x"},        // an anchor inside a repetition stays inside
   };
   for (const auto& row : rows) {
     re_elem_ptr tree = fixup_tree(regex_parse(row.regex, nullptr));

@@ -31,7 +31,9 @@ class generator {
   size_t below(size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng_); }
   bool chance(int percent) { return static_cast<int>(below(100)) < percent; }
   template <size_t N>
-  const char* pick(const char* const (&options)[N]) { return options[below(N)]; }
+  const char* pick(const char* const (&options)[N]) {
+    return options[below(N)];
+  }
 
   std::string regex(int depth) {
     std::string out = sequence(depth);
@@ -43,8 +45,8 @@ class generator {
   }
 
   std::string glob() {
-    static const char* const items[] = {"a", "b", "A", "x", "-", ".", "0", "1", "_", "^", "*", "?", "[ab]",
-                                        "[!a]", "[a-c]", "[^.]", "\\*", "\\?", "ab", "Ba", ".c", "@", "{", "$"};
+    static const char* const items[] = {"a",    "b",    "A",     "x",    "-",   ".",   "0",  "1",  "_",  "^", "*", "?",
+                                        "[ab]", "[!a]", "[a-c]", "[^.]", "\\*", "\\?", "ab", "Ba", ".c", "@", "{", "$"};
     std::string out;
     for (size_t n = 1 + below(6); n-- > 0;) out += pick(items);
     return out;
@@ -60,9 +62,14 @@ class generator {
     if (chance(25) && !out.empty()) {
       const size_t at = below(out.size());
       switch (below(3)) {
-        case 0: out.erase(at, 1); break;
-        case 1: out.insert(at, 1, out[at]); break;
-        default: out[at] = junk(1)[0];
+        case 0:
+          out.erase(at, 1);
+          break;
+        case 1:
+          out.insert(at, 1, out[at]);
+          break;
+        default:
+          out[at] = junk(1)[0];
       }
     }
     return out;
@@ -80,14 +87,14 @@ class generator {
   }
 
   std::string item(int depth) {
-    static const char* const literals[] = {"a", "b", "ab", "abc", "Ba", "x", "0", "01", "-", ".", "_",
-                                           "\\.", "\\^", "\\*", "@", "/", "a.b", "AbA", "}", "]", "c-1"};
-    static const char* const classes[] = {"[ab]",       "[a-c]",        "[A-C]",       "[^ab]",      "[[:digit:]]",
-                                          "[[:alpha:]]", "[[:upper:]]", "[.-_]",       "[^[:alnum:]]", "[a^]",
-                                          "[*/]",        "[0-9a]",      "[^-]",        "[xX]",       "[[:punct:]]",
-                                          "[^a-z]",      "[]a]",        "[[:space:]a]", "[b-dB]",     "[^.]"};
-    static const char* const bounds[] = {"*",     "+",     "?",   "{2}", "{3}", "{0,2}", "{1,3}", "{2,}",
-                                         "{0,0}", "{4}",   "{2,5}", "{7}", "{9}", "{4,9}", "{3,}",  "{14}"};
+    static const char* const literals[] = {"a",   "b",   "ab",  "abc", "Ba", "x",   "0",   "01", "-", ".",  "_",
+                                           "\\.", "\\^", "\\*", "@",   "/",  "a.b", "AbA", "}",  "]", "c-1"};
+    static const char* const classes[] = {"[ab]",        "[a-c]",       "[A-C]",        "[^ab]",        "[[:digit:]]",
+                                          "[[:alpha:]]", "[[:upper:]]", "[.-_]",        "[^[:alnum:]]", "[a^]",
+                                          "[*/]",        "[0-9a]",      "[^-]",         "[xX]",         "[[:punct:]]",
+                                          "[^a-z]",      "[]a]",        "[[:space:]a]", "[b-dB]",       "[^.]"};
+    static const char* const bounds[] = {"*",     "+",   "?",     "{2}", "{3}", "{0,2}", "{1,3}", "{2,}",
+                                         "{0,0}", "{4}", "{2,5}", "{7}", "{9}", "{4,9}", "{3,}",  "{14}"};
     std::string atom;
     const size_t kind = below(depth > 0 ? 10 : 8);
     if (kind < 4)
@@ -125,7 +132,8 @@ class generator {
           std::string members;
           for (int b = 1; b < 256; ++b)
             if (b != '\n' && e.class_has(static_cast<unsigned char>(b))) members += static_cast<char>(b);
-          if (!members.empty()) out += chance(70) && e.class_count() > 100 ? junk(1)[0] : members[below(members.size())];
+          if (!members.empty())
+            out += chance(70) && e.class_count() > 100 ? junk(1)[0] : members[below(members.size())];
           break;
         }
         case re_elem_group:

@@ -47,8 +47,7 @@ TEST(trigramize, parse_errors) {
     int status = -1;
     std::string error;
     trigram_query_ptr q;
-    EXPECT_EQ(logged(LOG_DEBUG, [&] { q = trigramize(row.expression, &pattern, &status, &error, row.glob); }),
-              row.log);
+    EXPECT_EQ(logged(LOG_DEBUG, [&] { q = trigramize(row.expression, &pattern, &status, &error, row.glob); }), row.log);
     EXPECT_EQ(q, nullptr);
     EXPECT_EQ(status, row.status);
     EXPECT_EQ(error, row.message);
@@ -76,7 +75,8 @@ TEST(trigramize, log_lines_and_table_scan_fallback) {
        "--- end orig\n+literal [0] | 1    \"abc\"\n--- end fixup\n--- pre-optimized", true},
       {".", false, LOG_INFO, ".", false, "", false},
       {".", false, LOG_DEBUG, ".", false,
-       "--- final result:\n(no trigram filter)\n\nWarning: overly broad expression fell back to table scan {.}\n", false},
+       "--- final result:\n(no trigram filter)\n\nWarning: overly broad expression fell back to table scan {.}\n",
+       false},
       {"a", false, LOG_DEBUG, "a", false, "fell back to table scan {a}\n", true},
       {".*", false, LOG_DEBUG, ".*", false, "fell back to table scan {.*}\n", true},
       {"[0-9]+", false, LOG_DEBUG, "[0-9]+", false, "fell back to table scan {[0-9]+}\n", true},
@@ -86,7 +86,8 @@ TEST(trigramize, log_lines_and_table_scan_fallback) {
     int status = -1;
     std::string error = "stale";
     trigram_query_ptr q;
-    const std::string log = logged(row.level, [&] { q = trigramize(row.expression, &pattern, &status, &error, row.glob); });
+    const std::string log =
+        logged(row.level, [&] { q = trigramize(row.expression, &pattern, &status, &error, row.glob); });
     if (row.part)
       EXPECT_TRUE(contains(log, row.log)) << row.expression << "\n" << log;
     else
@@ -128,7 +129,8 @@ TEST(matcher, errors) {
   search_context ctx;
   std::string error;
   int status = -1;
-  const std::string log = logged(LOG_DEBUG, [&] { EXPECT_FALSE(compile_search(ctx, "a{3,2}", false, &status, &error)); });
+  const std::string log =
+      logged(LOG_DEBUG, [&] { EXPECT_FALSE(compile_search(ctx, "a{3,2}", false, &status, &error)); });
   EXPECT_TRUE(contains(log, "Error in decomposition: Invalid bound at 1: 3 > 2\n"));
   EXPECT_EQ(status, 2);
   EXPECT_FALSE(compile_exclude(ctx, "[a", false, &error));

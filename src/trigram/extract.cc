@@ -76,6 +76,7 @@ constexpr budget FIRST_BUDGET{40, 64, 16384, 128, 128, 10000};
 constexpr budget SECOND_BUDGET{41, 512, 65536, 512, 1024, 10000};
 
 constexpr size_t MAX_AND_TRIGRAMS = 1024;  // trigrams required side by side
+constexpr size_t MAX_EXACT_LENGTH = 1024;  // symbols of a string expanded from a repetition
 constexpr size_t MAX_AND_MEMBERS = 64;     // alternatives required side by side
 constexpr size_t MAX_OR_LEAVES = 65536;    // trigrams below one alternative
 constexpr size_t MAX_QUERY_LEAVES = 65536;
@@ -549,8 +550,7 @@ info concat(info x, info y, budget& b) {
   while (!x.complete.empty() && !y.complete.empty() && too_big()) {
     info& big = x.complete.size() >= y.complete.size() ? x : y;
     info& other = &big == &x ? y : x;
-    if (!demote(big, false, b) && !demote(big, true, b) && !demote(other, false, b) && !demote(other, true, b))
-      break;
+    if (!demote(big, false, b) && !demote(big, true, b) && !demote(other, false, b) && !demote(other, true, b)) break;
   }
 
   info out;
@@ -616,7 +616,8 @@ std::optional<info> expand_exactly(const info& x, uint32_t m, uint32_t n, budget
     total = saturating_add(total, power);
     power = saturating_mul(power, x.complete.size());
   }
-  if (total > b.exact || saturating_mul(saturating_mul(longest, n), total) > b.weight || !b.spend(total))
+  if (total > b.exact || saturating_mul(longest, n) > MAX_EXACT_LENGTH ||
+      saturating_mul(saturating_mul(longest, n), total) > b.weight || !b.spend(total))
     return std::nullopt;
 
   strset power_set{""};
@@ -702,7 +703,9 @@ info analyze(const re_elem& e, budget& b, int depth);
   return anchor(repeat(std::move(once), e.min, e.max, b), e, b);
 }
 
-[[gnu::noinline]] info concat_into(info acc, info next, budget& b) { return concat(std::move(acc), std::move(next), b); }
+[[gnu::noinline]] info concat_into(info acc, info next, budget& b) {
+  return concat(std::move(acc), std::move(next), b);
+}
 
 info analyze_children(const re_elem& e, budget& b, int depth) {
   if (e.type == re_elem_group) {

@@ -71,8 +71,8 @@ bool match_line(search_context& ctx, const char* data, size_t length) {
           &matched);
   if (!matched) return false;
   if (ctx.databases[1])
-    hs_scan(ctx.databases[1].get(), data, static_cast<unsigned int>(length), 0, ctx.scratches[1].get(),
-            match_callback, &excluded);
+    hs_scan(ctx.databases[1].get(), data, static_cast<unsigned int>(length), 0, ctx.scratches[1].get(), match_callback,
+            &excluded);
   return !excluded;
 }
 

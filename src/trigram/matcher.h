@@ -18,8 +18,7 @@ static_assert(MATCHER_FLAGS == 25);
 // Prepares a search: the trigram query into ctx.query, the written pattern
 // into ctx.pattern, compiled into database 0. `status_out` (may be null)
 // gets the driver's status; `error_out` (may be null) the failure message.
-bool compile_search(search_context& ctx, const char* expression, bool is_glob, int* status_out,
-                    std::string* error_out);
+bool compile_search(search_context& ctx, const char* expression, bool is_glob, int* status_out, std::string* error_out);
 
 // Prepares the exclude database (slot 1): a confirmed line that this pattern
 // also matches is dropped. No trigram query is made from it.
@@ -35,8 +34,7 @@ bool compile_pattern(const std::optional<std::string>& message_pattern, hs_datab
 bool match_line(search_context& ctx, const char* data, size_t length);
 
 // Hyperscan's match event: marks the flag `context` points to and stops the scan.
-int match_callback(unsigned int id, unsigned long long from, unsigned long long to, unsigned int flags,
-                   void* context);
+int match_callback(unsigned int id, unsigned long long from, unsigned long long to, unsigned int flags, void* context);
 
 // Ends a search: releases the context (databases, scratches, query, texts).
 void free_search_context(std::unique_ptr<search_context>& ctx);

@@ -158,6 +158,17 @@ bool in_trigram_alphabet(unsigned char c) {
   return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_';
 }
 
+// The character a class member is written as in a permutation. Upper-case
+// letters are written in lower case and '^' as itself, since both have
+// trigram codes of their own; writing them as '@' would make the expansion
+// demand a code that a matching line does not have. Every other byte outside
+// the alphabet is written as '@', which shares its code.
+char permute_member_char(unsigned char c) {
+  if (c >= 'A' && c <= 'Z') return static_cast<char>(c - 'A' + 'a');
+  if (in_trigram_alphabet(c) || c == '^') return static_cast<char>(c);
+  return '@';
+}
+
 }  // namespace
 
 re_elem_ptr any_string_element() {
@@ -178,16 +189,6 @@ re_elem_ptr reduce_permutations(re_elem_ptr tree) {
   }
 }
 
-// Upper-case letters are written in lower case and '^' as itself, since both
-// have trigram codes of their own; writing them as '@' would make the
-// expansion demand a code that a matching line does not have. Every other
-// byte outside the alphabet is written as '@', which shares its code.
-char permute_member_char(unsigned char c) {
-  if (c >= 'A' && c <= 'Z') return static_cast<char>(c - 'A' + 'a');
-  if (in_trigram_alphabet(c) || c == '^') return static_cast<char>(c);
-  return '@';
-}
-
 re_elem_ptr permute_class_pair(const re_elem& first, const re_elem& second) {
   if (first.type != re_elem_class || second.type != re_elem_class) return nullptr;
   if (first.class_is_universal() || second.class_is_universal()) return nullptr;
@@ -195,7 +196,8 @@ re_elem_ptr permute_class_pair(const re_elem& first, const re_elem& second) {
   const auto a = class_members(first), b = class_members(second);
   group->children.reserve(a.size() * b.size());
   for (unsigned char c1 : a)
-    for (unsigned char c2 : b) group->children.push_back(literal_alternative({permute_member_char(c1), permute_member_char(c2)}));
+    for (unsigned char c2 : b)
+      group->children.push_back(literal_alternative({permute_member_char(c1), permute_member_char(c2)}));
   return group;
 }
 
@@ -244,9 +246,13 @@ trigram_query_ptr class_junction_trigrams(std::string_view text, const re_elem& 
   for (unsigned char c : class_members(klass)) {
     int32_t id;
     if (class_follows)
-      id = n >= 2 ? trigram_id(t(n - 2), t(n - 1), c) : n == 1 ? trigram_id(t(0), c, TRIGRAM_PAD) : trigram_id(c, TRIGRAM_PAD, TRIGRAM_PAD);
+      id = n >= 2   ? trigram_id(t(n - 2), t(n - 1), c)
+           : n == 1 ? trigram_id(t(0), c, TRIGRAM_PAD)
+                    : trigram_id(c, TRIGRAM_PAD, TRIGRAM_PAD);
     else
-      id = n >= 2 ? trigram_id(c, t(0), t(1)) : n == 1 ? trigram_id(TRIGRAM_PAD, c, t(0)) : trigram_id(TRIGRAM_PAD, TRIGRAM_PAD, c);
+      id = n >= 2   ? trigram_id(c, t(0), t(1))
+           : n == 1 ? trigram_id(TRIGRAM_PAD, c, t(0))
+                    : trigram_id(TRIGRAM_PAD, TRIGRAM_PAD, c);
     auto set = trigram_query_create(TQ_SET, 1);
     set->ids[0] = id;
     u->members.push_back(std::move(set));

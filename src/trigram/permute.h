@@ -51,8 +51,7 @@ enum permute_side {
 // `klass` on `side`, as a new group. Null when an alternative is not a
 // literal or is too long, or (unless `force`) when the result would exceed
 // GROUP_EXTENSION_THRESHOLD strings.
-re_elem_ptr extend_literal_group(const re_elem& group, const re_elem& klass, permute_side side,
-                                 bool force);
+re_elem_ptr extend_literal_group(const re_elem& group, const re_elem& klass, permute_side side, bool force);
 
 // All strings of length min(klass.min, PERMUTE_RUN_CAP) over the class's
 // members, as a group of literals; null below length 2 or when an extension
@@ -63,9 +62,4 @@ re_elem_ptr permute_class_run(const re_elem& klass);
 // single-trigram set per member, as a union. With `class_follows` the class
 // character comes after the text. Null (with a debug message) when the text
 // is too short to form a trigram with the class.
-trigram_query_ptr class_junction_trigrams(std::string_view text, const re_elem& klass,
-                                          bool class_follows);
-
-// The character a class member is written as in a permutation: a byte with
-// the same trigram symbol, so expansions keep the member's trigram code.
-char permute_member_char(unsigned char c);
+trigram_query_ptr class_junction_trigrams(std::string_view text, const re_elem& klass, bool class_follows);
