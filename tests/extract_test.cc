@@ -134,17 +134,22 @@ TEST(extract, tree_preparation) {
 TEST(extract, junction_primitives) {
   const auto text = [](const trigram_query_ptr& q) { return trigram_query_to_text(q.get()); };
   const auto window = [&](const char* w) { return text(literal_trigrams(w, false, false)); };
-  re_elem_ptr cd = regex_parse("cd", nullptr), c_end = regex_parse("c$", nullptr), x_start = regex_parse("^x", nullptr);
-  size_t counter = 0;
-  EXPECT_EQ(text(literal_pair_junction(*cd, "ab", counter, true)), window("abcd"));
-  EXPECT_EQ(counter, 2u);
-  EXPECT_EQ(text(literal_pair_junction(*c_end, "ab", counter, true)), window("abc^"));
-  EXPECT_EQ(text(literal_pair_junction(*cd, "ab", counter, false)), window("cdab"));
-  EXPECT_EQ(text(literal_pair_junction(*x_start, "ab", counter, false)), window("^xab"));
-  EXPECT_EQ(counter, 6u);
-  EXPECT_EQ(literal_pair_junction(*cd, "", counter, true), nullptr);
+  const struct {
+    const char* neighbour;
+    bool after;
+    const char* window;
+    size_t used;  // neighbour characters taken
+  } pairs[] = {{"cd", true, "abcd", 2}, {"c$", true, "abc^", 1}, {"cd", false, "cdab", 2}, {"^x", false, "^xab", 1}};
+  for (const auto& p : pairs) {
+    size_t counter = 0;
+    EXPECT_EQ(text(literal_pair_junction(*regex_parse(p.neighbour, nullptr), "ab", counter, p.after)),
+              window(p.window));
+    EXPECT_EQ(counter, p.used) << p.neighbour;
+  }
 
   re_elem_ptr ab = regex_parse("ab", nullptr), xy2 = regex_parse("[xy]{2}", nullptr);
+  size_t counter = 0;
+  EXPECT_EQ(literal_pair_junction(*ab, "", counter, true), nullptr);
   EXPECT_EQ(text(class_pair_junction(*ab, *xy2, false)),
             "{O=0/4:" + window("abxx") + "," + window("abxy") + "," + window("abyx") + "," + window("abyy") + "}");
   EXPECT_EQ(text(class_pair_junction(*ab, *regex_parse("[xy]", nullptr), true)),

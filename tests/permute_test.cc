@@ -37,10 +37,7 @@ std::string debug_log(F&& fn) {
 std::string alternatives(const re_elem_ptr& group) {
   if (!group) return "null";
   std::string out;
-  for (const re_elem_ptr& alt : group->children) {
-    if (!out.empty()) out += ',';
-    out += alt->text;
-  }
+  for (const re_elem_ptr& alt : group->children) out.append(out.empty() ? "" : ",").append(alt->text);
   return out;
 }
 
@@ -59,10 +56,8 @@ TEST(permute, reduction) {
        "Warning: reduced expression to 1 possible permutations.\nReconstituted reduced expression is: x" + split +
            "\n"},
       {"[0-9]{4}", ".*", "Warning: 1000 possible permutations exceeded threshold of 64\n"},
-      {"[0-9]{3}", "[0-9]{3}", ""},
       {"[a-j]{2,}", "[a-j]{2,}", ""},
       {"[a-k]{2,}", "[a-k].*[a-k]", ""},
-      {"[a-k]+", "[a-k]+", ""},
       {".[ab](c|d|e)", ".[ab](c|d|e)", ""},  // the universal class is no factor
       {"[a-p][a-p]x[a-p][a-h]", ".*[a-p]x[a-p][a-h]",
        "Warning: 32768 possible permutations exceeded threshold of 8192; reducing by factor of 16.\n"
@@ -86,7 +81,6 @@ TEST(permute, class_pairs_runs_and_extensions) {
   // Members keep their trigram code: upper case folds, '^' stays, '*' shares '@'.
   EXPECT_EQ(alternatives(permute_class_pair(*parse("[aB]"), *parse("[*^]"))), "b@,b^,a@,a^");
   EXPECT_EQ(permute_class_pair(*parse("."), *parse("[ab]")), nullptr);
-  EXPECT_EQ(permute_class_pair(*parse("ab"), *parse("[ab]")), nullptr);
 
   EXPECT_EQ(alternatives(permute_class_run(*parse("[ab]{3}"))), "aaa,aab,aba,abb,baa,bab,bba,bbb");
   EXPECT_EQ(permute_class_run(*parse("[ab]")), nullptr);      // shorter than 2
@@ -100,9 +94,6 @@ TEST(permute, class_pairs_runs_and_extensions) {
   EXPECT_EQ(alternatives(extend_literal_group(*parse("(ab|c)"), *parse("[xY]"), PERMUTE_PREPEND, false)),
             "yab,xab,yc,xc");
   EXPECT_EQ(extend_literal_group(*parse("(ab|c.)"), *nine, PERMUTE_APPEND, true), nullptr);
-  re_elem_ptr long_one = parse("(a|b)");
-  long_one->children[0]->text.assign(PERMUTE_LITERAL_LIMIT + 1, 'a');
-  EXPECT_EQ(extend_literal_group(*long_one, *nine, PERMUTE_APPEND, true), nullptr);
 }
 
 TEST(permute, class_junction_trigrams) {

@@ -30,9 +30,14 @@ class generator {
 
   size_t below(size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng_); }
   bool chance(int percent) { return static_cast<int>(below(100)) < percent; }
-  template <size_t N>
-  const char* pick(const char* const (&options)[N]) {
-    return options[below(N)];
+  // One of the space-separated words.
+  std::string pick(std::string_view words) {
+    std::vector<std::string_view> w;
+    for (size_t at = 0, end; at < words.size(); at = end + 1) {
+      end = std::min(words.find(' ', at), words.size());
+      w.push_back(words.substr(at, end - at));
+    }
+    return std::string(w[below(w.size())]);
   }
 
   std::string regex(int depth) {
@@ -45,10 +50,9 @@ class generator {
   }
 
   std::string glob() {
-    static const char* const items[] = {"a",    "b",    "A",     "x",    "-",   ".",   "0",  "1",  "_",  "^", "*", "?",
-                                        "[ab]", "[!a]", "[a-c]", "[^.]", "\\*", "\\?", "ab", "Ba", ".c", "@", "{", "$"};
     std::string out;
-    for (size_t n = 1 + below(6); n-- > 0;) out += pick(items);
+    for (size_t n = 1 + below(6); n-- > 0;)
+      out += pick("a b A x - . 0 1 _ ^ * ? [ab] [!a] [a-c] [^.] \\* \\? ab Ba .c @ { $");
     return out;
   }
 
@@ -59,18 +63,11 @@ class generator {
     if (chance(50)) out += junk(below(3));
     if (!chance(10)) sample(tree, out);
     if (chance(50)) out += junk(below(3));
-    if (chance(25) && !out.empty()) {
-      const size_t at = below(out.size());
-      switch (below(3)) {
-        case 0:
-          out.erase(at, 1);
-          break;
-        case 1:
-          out.insert(at, 1, out[at]);
-          break;
-        default:
-          out[at] = junk(1)[0];
-      }
+    if (chance(25) && !out.empty()) {  // drop, double or replace a character
+      const size_t at = below(out.size()), how = below(3);
+      if (how == 0) out.erase(at, 1);
+      if (how == 1) out.insert(at, 1, out[at]);
+      if (how == 2) out[at] = junk(1)[0];
     }
     return out;
   }
@@ -87,28 +84,19 @@ class generator {
   }
 
   std::string item(int depth) {
-    static const char* const literals[] = {"a",   "b",   "ab",  "abc", "Ba", "x",   "0",   "01", "-", ".",  "_",
-                                           "\\.", "\\^", "\\*", "@",   "/",  "a.b", "AbA", "}",  "]", "c-1"};
-    static const char* const classes[] = {"[ab]",        "[a-c]",       "[A-C]",        "[^ab]",        "[[:digit:]]",
-                                          "[[:alpha:]]", "[[:upper:]]", "[.-_]",        "[^[:alnum:]]", "[a^]",
-                                          "[*/]",        "[0-9a]",      "[^-]",         "[xX]",         "[[:punct:]]",
-                                          "[^a-z]",      "[]a]",        "[[:space:]a]", "[b-dB]",       "[^.]"};
-    static const char* const bounds[] = {"*",     "+",   "?",     "{2}", "{3}", "{0,2}", "{1,3}", "{2,}",
-                                         "{0,0}", "{4}", "{2,5}", "{7}", "{9}", "{4,9}", "{3,}",  "{14}"};
     std::string atom;
     const size_t kind = below(depth > 0 ? 10 : 8);
     if (kind < 4)
-      atom.append(pick(literals));
+      atom = pick("a b ab abc Ba x 0 01 - . _ \\. \\^ \\* @ / a.b AbA } ] c-1");
     else if (kind < 5)
-      atom.append(".");
+      atom.push_back('.');
     else if (kind < 8)
-      atom.append(pick(classes));
-    else {
-      atom.append("(");
-      atom += regex(depth - 1);
-      atom += ")";
-    }
-    if (chance(35)) atom += pick(bounds);
+      atom = pick(
+          "[ab] [a-c] [A-C] [^ab] [[:digit:]] [[:alpha:]] [[:upper:]] [.-_] [^[:alnum:]] [a^] [*/] [0-9a] [^-] [xX] "
+          "[[:punct:]] [^a-z] []a] [[:space:]a] [b-dB] [^.]");
+    else
+      atom.append(1, '(').append(regex(depth - 1)).append(1, ')');
+    if (chance(35)) atom += pick("* + ? {2} {3} {0,2} {1,3} {2,} {0,0} {4} {2,5} {7} {9} {4,9} {3,} {14}");
     return atom;
   }
 
@@ -149,26 +137,18 @@ class generator {
   std::mt19937_64 rng_;
 };
 
-std::string printable(const std::string& s) {
-  std::string out;
-  for (unsigned char c : s) {
-    if (c >= 32 && c < 127) {
-      out += static_cast<char>(c);
-    } else {
-      char buf[8];
-      snprintf(buf, sizeof buf, "\\x%02x", c);
-      out += buf;
-    }
+// The key's bytes, non-printable ones in hex, then its trigram ids.
+std::string describe(const std::string& key, const std::vector<int32_t>& ids) {
+  std::string out = "\"";
+  for (unsigned char c : key) {
+    char buf[8];
+    snprintf(buf, sizeof buf, c >= 32 && c < 127 ? "%c" : "\\x%02x", c);
+    out += buf;
   }
-  return out;
-}
-
-std::string trigram_names(const std::vector<int32_t>& ids) {
-  std::string out;
+  out += "\" trigrams:";
   for (int32_t id : ids) {
-    char name[4];
-    trigram_name(id, name);
-    out += std::to_string(id) + "(" + name + ") ";
+    out += ' ';
+    out += std::to_string(id);
   }
   return out;
 }
@@ -196,8 +176,7 @@ TEST(soundness, confirmed_keys_satisfy_the_query) {
       for (int32_t id : ids) present.set(id);
       ASSERT_TRUE(trigram_query_accepts(ctx.query.get(), present))
           << "expression: " << expression << (is_glob ? " (glob)" : " (regex)") << "\npattern:    " << *ctx.pattern
-          << "\nkey:        \"" << printable(key) << "\"\nkey trigrams: " << trigram_names(ids)
-          << "\nquery:      " << trigram_query_to_text(ctx.query.get());
+          << "\nkey:        " << describe(key, ids) << "\nquery:      " << trigram_query_to_text(ctx.query.get());
     }
   }
   printf("%zu expressions (%zu with a trigram filter), %zu keys, %zu confirmed\n", expressions, filtered, tried,
