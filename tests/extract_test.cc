@@ -1,0 +1,163 @@
+// Selectivity of the trigram query: which trigrams a line must hold, checked
+// by evaluating the query, plus the tree preparation and the junction
+// primitives.
+#include "trigram/extract.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "trigram/permute.h"
+#include "trigram/trigram.h"
+#include "trigram/trigramize.h"
+
+namespace {
+
+// Trigram texts, '^' standing for the pad.
+std::vector<int32_t> ids(const std::vector<std::string>& texts) {
+  std::vector<int32_t> out;
+  for (const std::string& t : texts) out.push_back(trigram_id(t[0], t[1], t[2]));
+  return out;
+}
+
+bool accepts_all_but(const trigram_query* q, const std::vector<int32_t>& missing) {
+  trigram_bitmap all_but;
+  for (int32_t id = 0; id < TRIGRAM_COUNT; ++id)
+    if (std::find(missing.begin(), missing.end(), id) == missing.end()) all_but.set(id);
+  return trigram_query_accepts(q, all_but);
+}
+
+bool accepts_key(const trigram_query* q, const std::string& key) {
+  trigram_bitmap present;
+  for (int32_t id : literal_trigram_ids(key, true, true)) present.set(id);
+  return trigram_query_accepts(q, present);
+}
+
+// The trigram texts with '?' replaced by each of `fill`.
+std::vector<std::string> each(std::string pattern, const std::string& fill) {
+  std::vector<std::string> out;
+  const size_t at = pattern.find('?');
+  for (char c : fill) {
+    pattern[at] = c;
+    out.push_back(pattern);
+  }
+  return out;
+}
+
+TEST(extract, selectivity) {
+  const struct {
+    const char* expression;
+    bool glob;
+    std::vector<std::string> required;  // each one alone is required
+    std::vector<std::string> jointly;   // a line without all of these is rejected
+    std::vector<std::string> accepted;  // matching keys
+    std::vector<std::string> rejected;  // keys the index need not propose
+  } rows[] = {
+      // clang-format off
+      {"abcdef", false, {"abc", "bcd", "cde", "def"}, {}, {"xxABCDEFxx"}, {"abcde"}},
+      {"ABC", false, {"abc"}, {}, {"abc"}, {"ab"}},
+      {"^mail\\.", false, {"^^m", "^ma", "mai", "ail", "il."}, {}, {"mail.example.com"}, {"email.com"}},
+      {"\\.example\\.com$", false, {".ex", "exa", "xam", "amp", "mpl", "ple", "le.", "e.c", ".co", "com", "om^", "m^^"},
+       {}, {"www.example.com"}, {"www.example.com.evil"}},
+      {"*.example.com", true, {".ex", "ple", "le.", ".co", "com", "om^", "m^^"}, {}, {"a.example.com"},
+       {"a.example.com.x"}},
+      {"(paypal|amazon)", false, {}, {"pay", "ama"}, {"paypal", "www.amazon.com"}, {"paypa amazo"}},
+      {"login[0-9]+\\.", false, {"log", "ogi", "gin"}, each("in?", "0123456789"), {"login12.x"}, {"loginx.", "login."}},
+      {"pay[a-z]?pal", false, {"pay", "pal"}, {}, {"paypal", "payxpal"}, {"pay-pal", "pay pal"}},
+      {"^a$", false, {"^^a", "a^^"}, {}, {"a"}, {"ab", "ba"}},  // a one-character key has no (^,a,^)
+      {"x[abcd]{7}y", false, {}, {}, {"xabcdabcy", "xdddddddy"}, {"x"}},
+      {"a.c", false, {}, each("a?c", "abcdefghijklmnopqrstuvwxyz0123456789.-_^@"), {"a-c"}, {"ac"}},
+      // clang-format on
+  };
+  for (const auto& row : rows) {
+    std::optional<std::string> pattern;
+    std::string error;
+    trigram_query_ptr q = trigramize(row.expression, &pattern, nullptr, &error, row.glob);
+    ASSERT_NE(q, nullptr) << row.expression;
+    const std::string shown = std::string(row.expression) + " -> " + trigram_query_to_text(q.get());
+    EXPECT_TRUE(accepts_all_but(q.get(), {})) << shown;
+    for (const std::string& t : row.required) EXPECT_FALSE(accepts_all_but(q.get(), ids({t}))) << t << ": " << shown;
+    if (!row.jointly.empty()) {
+      EXPECT_FALSE(accepts_all_but(q.get(), ids(row.jointly))) << shown;
+      EXPECT_TRUE(accepts_all_but(q.get(), ids({row.jointly[0]}))) << shown;  // no single one is required
+    }
+    for (const std::string& key : row.accepted) EXPECT_TRUE(accepts_key(q.get(), key)) << key << ": " << shown;
+    for (const std::string& key : row.rejected) EXPECT_FALSE(accepts_key(q.get(), key)) << key << ": " << shown;
+  }
+}
+
+TEST(extract, pathological_expressions_stay_sound) {
+  std::string letters = "(a", nested = "abc";
+  for (char c = 'b'; c <= 'z'; ++c) letters += std::string("|") + c;
+  for (int i = 0; i < 495; ++i) nested = "(" + nested + "|xyz)w";  // near the deepest tree the parser gives
+  const std::string cases[][2] = {
+      {letters + "){50}", std::string(50, 'q')},
+      {"[a-z]{1000}", std::string(1000, 'k')},
+      {std::string(3000, 'x'), std::string(3000, 'X')},
+      {"(" + std::string(1500, '.') + "|zz)", "zz"},
+      {nested, "xyzw"},
+  };
+  for (const auto& [expression, key] : cases) {
+    std::string error;
+    trigram_query_ptr q = trigramize(expression.c_str(), nullptr, nullptr, &error, false);
+    EXPECT_TRUE(error.empty());
+    EXPECT_TRUE(accepts_key(q.get(), key)) << expression.substr(0, 40);
+  }
+}
+
+TEST(extract, tree_preparation) {
+  const struct {
+    const char* regex;
+    const char* prepared;
+  } rows[] = {
+      {"x[A-C*^]y", "x[@\\^a-c]y"},           // onto the alphabet; '^' kept
+      {"x[ab]{2,5}y", "x[ab]{2}.*[ab]{2}y"},  // variable run: head, gap, tail
+      {"x[a-z]{1,4}y", "x[a-z].*[a-z]y"},
+      {"xb{3}", "xbbb"},                 // fixed repetition written out
+      {"(a{2,4}|bc)", "(aaa{0,2}|bc)"},  // in a group: two copies, then the rest
+      {"xa{3,5}", "xaaaa{0,2}"},         // bounded short literal
+      {"x[a-z0-9_]y", "x.y"},            // wider than 30 members
+      {"(^ab){2}x", "(^ab){2}x"},        // an anchor inside a repetition stays inside
+  };
+  for (const auto& row : rows) {
+    re_elem_ptr tree = fixup_tree(regex_parse(row.regex, nullptr));
+    ASSERT_NE(tree, nullptr) << row.regex;
+    EXPECT_EQ(re_elem_serialize(*tree), row.prepared) << row.regex;
+  }
+  // The bytes a class's written form matches: a run reaching byte 255 is cut to its first byte.
+  re_class_bits high{};
+  high[3] = ~uint64_t{0};
+  EXPECT_EQ(class_written_bits(high), (re_class_bits{0, 0, 0, 1}));
+}
+
+TEST(extract, junction_primitives) {
+  const auto text = [](const trigram_query_ptr& q) { return trigram_query_to_text(q.get()); };
+  const auto window = [&](const char* w) { return text(literal_trigrams(w, false, false)); };
+  const struct {
+    const char* neighbour;
+    bool after;
+    const char* window;
+    size_t used;  // neighbour characters taken
+  } pairs[] = {{"cd", true, "abcd", 2}, {"c$", true, "abc^", 1}, {"cd", false, "cdab", 2}, {"^x", false, "^xab", 1}};
+  for (const auto& p : pairs) {
+    size_t counter = 0;
+    EXPECT_EQ(text(literal_pair_junction(*regex_parse(p.neighbour, nullptr), "ab", counter, p.after)),
+              window(p.window));
+    EXPECT_EQ(counter, p.used) << p.neighbour;
+  }
+
+  re_elem_ptr ab = regex_parse("ab", nullptr), xy2 = regex_parse("[xy]{2}", nullptr);
+  size_t counter = 0;
+  EXPECT_EQ(literal_pair_junction(*ab, "", counter, true), nullptr);
+  EXPECT_EQ(text(class_pair_junction(*ab, *xy2, false)),
+            "{O=0/4:" + window("abxx") + "," + window("abxy") + "," + window("abyx") + "," + window("abyy") + "}");
+  EXPECT_EQ(text(class_pair_junction(*ab, *regex_parse("[xy]", nullptr), true)),
+            "{O=0/4:" + window("xab") + "," + window("yab") + "," + window("xab") + "," + window("yab") + "}");
+  // Of the members outside the alphabet only the lowest takes part, as '@'.
+  EXPECT_EQ(class_pair_junction(*ab, *regex_parse("[*/a]{2}", nullptr), false)->members.size(), 4u);
+  EXPECT_EQ(class_pair_junction(*ab, *regex_parse("[a-v]{2}", nullptr), false)->members.size(), 484u);
+  EXPECT_EQ(class_pair_junction(*ab, *regex_parse("[a-w]{2}", nullptr), false), nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,122 @@
+#include "trigram/permute.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "log/log.h"
+#include "trigram/trigram.h"
+
+namespace {
+
+re_elem_ptr parse(const char* regex) {
+  re_elem_ptr e = regex_parse(regex, nullptr);
+  EXPECT_NE(e, nullptr) << regex;
+  return e;
+}
+
+// What `fn` logs at the debug level.
+template <class F>
+std::string debug_log(F&& fn) {
+  char* buf = nullptr;
+  size_t len = 0;
+  FILE* stream = open_memstream(&buf, &len);
+  log_context_push();
+  log_set_stream(stream);
+  log_set_level(LOG_DEBUG);
+  log_set_prefix_text("");
+  fn();
+  log_context_pop();
+  fclose(stream);
+  std::string out(buf, len);
+  free(buf);
+  return out;
+}
+
+std::string alternatives(const re_elem_ptr& group) {
+  if (!group) return "null";
+  std::string out;
+  for (const re_elem_ptr& alt : group->children) out.append(out.empty() ? "" : ",").append(alt->text);
+  return out;
+}
+
+const char* const abc_runs = "(aaa|aab|aba|abb|baa|bab|bba|bbb)";
+
+TEST(permute, reduction) {
+  const std::string split = std::string(abc_runs) + ".*" + abc_runs;
+  const struct {
+    const char* regex;
+    std::string reduced;
+    std::string log;
+  } rows[] = {
+      {"[ab]{13}", "[ab]{13}", ""},  // 8192 strings: kept
+      {"[ab]{14}", split, ""},       // one more: the run is cut to three, head and tail
+      {"x[ab]{14}", "x" + split,
+       "Warning: reduced expression to 1 possible permutations.\nReconstituted reduced expression is: x" + split +
+           "\n"},
+      {"[0-9]{4}", ".*", "Warning: 1000 possible permutations exceeded threshold of 64\n"},
+      {"[a-j]{2,}", "[a-j]{2,}", ""},
+      {"[a-k]{2,}", "[a-k].*[a-k]", ""},
+      {".[ab](c|d|e)", ".[ab](c|d|e)", ""},  // the universal class is no factor
+      {"[a-p][a-p]x[a-p][a-h]", ".*[a-p]x[a-p][a-h]",
+       "Warning: 32768 possible permutations exceeded threshold of 8192; reducing by factor of 16.\n"
+       "Warning: reduced expression to 2048 possible permutations.\n"
+       "Reconstituted reduced expression is: .*[a-p]x[a-p][a-h]\n"},
+      {"^(a|b|c|d)[a-z][a-z][a-z]$", "^(a|b|c|d).*[a-z][a-z]$",
+       "Warning: 70304 possible permutations exceeded threshold of 8192; reducing by factor of 26.\n"
+       "Warning: reduced expression to 2704 possible permutations.\n"
+       "Reconstituted reduced expression is: ^(a|b|c|d).*[a-z][a-z]$\n"},
+  };
+  for (const auto& row : rows) {
+    re_elem_ptr out;
+    const std::string log = debug_log([&] { out = reduce_permutations(parse(row.regex)); });
+    ASSERT_NE(out, nullptr) << row.regex;
+    EXPECT_EQ(re_elem_serialize(*out), row.reduced) << row.regex;
+    EXPECT_EQ(log, row.log) << row.regex;
+  }
+}
+
+TEST(permute, class_pairs_runs_and_extensions) {
+  // Members keep their trigram code: upper case folds, '^' stays, '*' shares '@'.
+  EXPECT_EQ(alternatives(permute_class_pair(*parse("[aB]"), *parse("[*^]"))), "b@,b^,a@,a^");
+  EXPECT_EQ(permute_class_pair(*parse("."), *parse("[ab]")), nullptr);
+
+  EXPECT_EQ(alternatives(permute_class_run(*parse("[ab]{3}"))), "aaa,aab,aba,abb,baa,bab,bba,bbb");
+  EXPECT_EQ(permute_class_run(*parse("[ab]")), nullptr);      // shorter than 2
+  EXPECT_EQ(permute_class_run(*parse("[a-e]{3}")), nullptr);  // 125 strings
+  EXPECT_EQ(permute_class_run(*parse("[ab]{9}")), nullptr);   // capped at 8 and refused at 128
+
+  re_elem_ptr eight = parse("(a|b|c|d|e|f|g|h)"), nine = parse("[1-9]");
+  std::string log = debug_log([&] { EXPECT_EQ(extend_literal_group(*eight, *nine, PERMUTE_APPEND, false), nullptr); });
+  EXPECT_EQ(log, "Warning: 72 possible permutations exceeded threshold of 64\n");
+  EXPECT_EQ(extend_literal_group(*eight, *nine, PERMUTE_APPEND, true)->children.size(), 72u);
+  EXPECT_EQ(alternatives(extend_literal_group(*parse("(ab|c)"), *parse("[xY]"), PERMUTE_PREPEND, false)),
+            "yab,xab,yc,xc");
+  EXPECT_EQ(extend_literal_group(*parse("(ab|c.)"), *nine, PERMUTE_APPEND, true), nullptr);
+}
+
+TEST(permute, class_junction_trigrams) {
+  const auto ids = [](const trigram_query_ptr& u) {
+    std::string out;
+    for (const auto& m : u->members) {
+      char name[4];
+      trigram_name(m->ids.at(0), name);
+      if (!out.empty()) out += ',';
+      out += name;
+    }
+    return out;
+  };
+  re_elem_ptr xy = parse("[xY]"), anchored = parse("[xY]$");
+  EXPECT_EQ(ids(class_junction_trigrams("ab", *xy, true)), "aby,abx");
+  EXPECT_EQ(ids(class_junction_trigrams("ab", *xy, false)), "yab,xab");
+  EXPECT_EQ(ids(class_junction_trigrams("a", *anchored, true)), "ay^,ax^");
+  EXPECT_EQ(ids(class_junction_trigrams("a", *anchored, false)), "^ya,^xa");
+  EXPECT_EQ(ids(class_junction_trigrams("", *anchored, true)), "y^^,x^^");
+  trigram_query_ptr none;
+  EXPECT_EQ(debug_log([&] { none = class_junction_trigrams("a", *xy, true); }),
+            "Error: class-permuted string \"a\" would be too short.\n");
+  EXPECT_EQ(none, nullptr);
+}
+
+}  // namespace
