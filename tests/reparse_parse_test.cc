@@ -86,9 +86,11 @@ TEST(reparse, regex_written_back_or_refused) {
 }
 
 TEST(reparse, regex_nesting_limit) {
-  const std::string ok = "x" + std::string(RE_MAX_DEPTH, '*');
+  const std::string ok = "x" + std::string(RE_MAX_REPEAT_NESTING, '+');
   EXPECT_EQ(outcome(false, ok).substr(0, 3), "(((");
-  EXPECT_EQ(outcome(false, ok + "*"), "!Regexp nested too deeply");
+  EXPECT_EQ(outcome(false, ok + "*"), "!Repetitions nested too deeply (more than 16)");
+  EXPECT_EQ(outcome(false, "((((((((((((((((((x+)+)+)+)+)+)+)+)+)+)+)+)+)+)+)+)+)+)+"),
+            "!Repetitions nested too deeply (more than 16)");
   const size_t open = RE_MAX_DEPTH / 2;
   EXPECT_EQ(outcome(false, std::string(open, '(') + "a" + std::string(open, ')')), "a");
   EXPECT_EQ(outcome(false, std::string(open + 1, '(') + "a"), "!Regexp nested too deeply");

@@ -22,10 +22,11 @@ class tgdb_merger_files : public ::testing::Test {
     return tgdb_open(write_index(dir.file(std::to_string(++files) + ".tgdb"), std::move(lines), opts).c_str());
   }
 
-  // With `query`, candidates come from the pattern's trigrams, not a scan.
+  // Candidates come from a scan of every line, or with `query` from the
+  // pattern's trigram query.
   std::unique_ptr<tgdb_merger> start(const dbs& files, const char* pattern, bool rdata = false, bool query = false) {
     EXPECT_TRUE(compile_search(ctx, pattern, false, nullptr, nullptr));
-    if (query) ctx.query = literal_trigrams(pattern, false, false);
+    if (!query) ctx.query.reset();
     auto m = search_create(ctx, rdata);
     for (const auto& db : files) search_add_index(*m, db);
     return m;

@@ -257,18 +257,32 @@ void group_unwrap(re_elem_ptr& e) {
   e->children.push_back(std::move(other));
 }
 
-size_t re_elem_depth(const re_elem* e) {
+namespace {
+
+// Deepest count of the elements that `counts` along one path from `e`.
+template <typename Counts>
+size_t deepest_path(const re_elem* e, Counts counts) {
   if (e == nullptr) return 0;
   size_t deepest = 0;
-  std::vector<std::pair<const re_elem*, size_t>> todo{{e, 1}};
+  std::vector<std::pair<const re_elem*, size_t>> todo{{e, counts(*e)}};
   while (!todo.empty()) {
     auto [cur, level] = todo.back();
     todo.pop_back();
     deepest = std::max(deepest, level);
     for (const re_elem_ptr& c : cur->children)
-      if (c) todo.emplace_back(c.get(), level + 1);
+      if (c) todo.emplace_back(c.get(), level + counts(*c));
   }
   return deepest;
+}
+
+}  // namespace
+
+size_t re_elem_depth(const re_elem* e) {
+  return deepest_path(e, [](const re_elem&) { return size_t{1}; });
+}
+
+size_t re_elem_repeat_depth(const re_elem* e) {
+  return deepest_path(e, [](const re_elem& x) { return size_t{x.min != 1 || x.max != 1}; });
 }
 
 const char* re_elem_check(const re_elem& root) {

@@ -276,6 +276,10 @@ re_elem_ptr parse(const char* text, std::string* err) {
     reparse_fail(err, "Regexp nested too deeply");
     return nullptr;
   }
+  if (re_elem_repeat_depth(group.get()) > RE_MAX_REPEAT_NESTING) {
+    reparse_fail(err, "Repetitions nested too deeply (more than %zu)", RE_MAX_REPEAT_NESTING);
+    return nullptr;
+  }
   return group;
 }
 

@@ -42,6 +42,10 @@ inline constexpr uint32_t RE_UNBOUNDED = 65535;
 // parser returns; deeper input is refused rather than risking the stack of
 // every recursive consumer.
 inline constexpr size_t RE_MAX_DEPTH = 1000;
+// Most repetitions nested in one another ("a+++", "((a*)+){2}") a regular
+// expression may hold: the matcher's compile time grows exponentially with
+// this nesting, so deeper ones are refused instead of stalling the search.
+inline constexpr size_t RE_MAX_REPEAT_NESTING = 16;
 
 // 256-bit byte set: byte c is bit c % 64 of word c / 64.
 using re_class_bits = std::array<uint64_t, 4>;
@@ -105,6 +109,9 @@ void group_unwrap(re_elem_ptr& e);
 
 // Levels of the tree below and including `e` (null: 0); iterative.
 size_t re_elem_depth(const re_elem* e);
+// Repeated elements (bounds other than {1,1}) nested in one another along
+// the deepest path below and including `e`.
+size_t re_elem_repeat_depth(const re_elem* e);
 
 // ---- Parsers ----
 // Both return null on error, with the message in *err when err is non-null.
