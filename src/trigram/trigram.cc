@@ -31,36 +31,36 @@ std::vector<int32_t> trigram_bitmap::ids() const {
   return out;
 }
 
-void add_literal_trigrams(trigram_bitmap& bits, std::string_view s, bool anchored_start,
-                          bool anchored_end) {
+namespace {
+
+// Calls `emit` with every trigram id of `s` cut as the index cuts keys.
+template <typename Emit>
+void for_each_literal_trigram(std::string_view s, bool anchored_start, bool anchored_end, Emit emit) {
   const size_t n = s.size();
   const auto c = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
   if (anchored_start && n >= 1) {
-    bits.set(trigram_id('^', '^', c(0)));
-    if (n >= 2) bits.set(trigram_id('^', c(0), c(1)));
+    emit(trigram_id('^', '^', c(0)));
+    if (n >= 2) emit(trigram_id('^', c(0), c(1)));
   }
   if (anchored_end && n >= 1) {
-    bits.set(trigram_id(c(n - 1), '^', '^'));
-    if (n >= 2) bits.set(trigram_id(c(n - 2), c(n - 1), '^'));
+    emit(trigram_id(c(n - 1), '^', '^'));
+    if (n >= 2) emit(trigram_id(c(n - 2), c(n - 1), '^'));
   }
-  for (size_t i = 0; i + 2 < n; ++i) bits.set(trigram_id(c(i), c(i + 1), c(i + 2)));
+  for (size_t i = 0; i + 2 < n; ++i) emit(trigram_id(c(i), c(i + 1), c(i + 2)));
+}
+
+}  // namespace
+
+void add_literal_trigrams(trigram_bitmap& bits, std::string_view s, bool anchored_start,
+                          bool anchored_end) {
+  for_each_literal_trigram(s, anchored_start, anchored_end, [&](int32_t id) { bits.set(id); });
 }
 
 std::vector<int32_t> literal_trigram_ids(std::string_view s, bool anchored_start, bool anchored_end) {
   // Short keys are the common case: collect and sort instead of sweeping a bitmap.
   std::vector<int32_t> ids;
-  const size_t n = s.size();
-  const auto c = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
-  ids.reserve(n + 4);
-  if (anchored_start && n >= 1) {
-    ids.push_back(trigram_id('^', '^', c(0)));
-    if (n >= 2) ids.push_back(trigram_id('^', c(0), c(1)));
-  }
-  if (anchored_end && n >= 1) {
-    ids.push_back(trigram_id(c(n - 1), '^', '^'));
-    if (n >= 2) ids.push_back(trigram_id(c(n - 2), c(n - 1), '^'));
-  }
-  for (size_t i = 0; i + 2 < n; ++i) ids.push_back(trigram_id(c(i), c(i + 1), c(i + 2)));
+  ids.reserve(s.size() + 4);
+  for_each_literal_trigram(s, anchored_start, anchored_end, [&](int32_t id) { ids.push_back(id); });
   std::sort(ids.begin(), ids.end());
   ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
   return ids;
