@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-
-#include "log/log.h"
+#include "tests/support/log_capture.h"
 #include "trigram/trigram.h"
 
 namespace {
@@ -14,24 +11,6 @@ re_elem_ptr parse(const char* regex) {
   re_elem_ptr e = regex_parse(regex, nullptr);
   EXPECT_NE(e, nullptr) << regex;
   return e;
-}
-
-// What `fn` logs at the debug level.
-template <class F>
-std::string debug_log(F&& fn) {
-  char* buf = nullptr;
-  size_t len = 0;
-  FILE* stream = open_memstream(&buf, &len);
-  log_context_push();
-  log_set_stream(stream);
-  log_set_level(LOG_DEBUG);
-  log_set_prefix_text("");
-  fn();
-  log_context_pop();
-  fclose(stream);
-  std::string out(buf, len);
-  free(buf);
-  return out;
 }
 
 std::string alternatives(const re_elem_ptr& group) {
@@ -70,7 +49,7 @@ TEST(permute, reduction) {
   };
   for (const auto& row : rows) {
     re_elem_ptr out;
-    const std::string log = debug_log([&] { out = reduce_permutations(parse(row.regex)); });
+    const std::string log = logged(LOG_DEBUG, [&] { out = reduce_permutations(parse(row.regex)); });
     ASSERT_NE(out, nullptr) << row.regex;
     EXPECT_EQ(re_elem_serialize(*out), row.reduced) << row.regex;
     EXPECT_EQ(log, row.log) << row.regex;
@@ -88,8 +67,10 @@ TEST(permute, class_pairs_runs_and_extensions) {
   EXPECT_EQ(permute_class_run(*parse("[ab]{9}")), nullptr);   // capped at 8 and refused at 128
 
   re_elem_ptr eight = parse("(a|b|c|d|e|f|g|h)"), nine = parse("[1-9]");
-  std::string log = debug_log([&] { EXPECT_EQ(extend_literal_group(*eight, *nine, PERMUTE_APPEND, false), nullptr); });
-  EXPECT_EQ(log, "Warning: 72 possible permutations exceeded threshold of 64\n");
+  re_elem_ptr refused;
+  EXPECT_EQ(logged(LOG_DEBUG, [&] { refused = extend_literal_group(*eight, *nine, PERMUTE_APPEND, false); }),
+            "Warning: 72 possible permutations exceeded threshold of 64\n");
+  EXPECT_EQ(refused, nullptr);
   EXPECT_EQ(extend_literal_group(*eight, *nine, PERMUTE_APPEND, true)->children.size(), 72u);
   EXPECT_EQ(alternatives(extend_literal_group(*parse("(ab|c)"), *parse("[xY]"), PERMUTE_PREPEND, false)),
             "yab,xab,yc,xc");
@@ -114,7 +95,7 @@ TEST(permute, class_junction_trigrams) {
   EXPECT_EQ(ids(class_junction_trigrams("a", *anchored, false)), "^ya,^xa");
   EXPECT_EQ(ids(class_junction_trigrams("", *anchored, true)), "y^^,x^^");
   trigram_query_ptr none;
-  EXPECT_EQ(debug_log([&] { none = class_junction_trigrams("a", *xy, true); }),
+  EXPECT_EQ(logged(LOG_DEBUG, [&] { none = class_junction_trigrams("a", *xy, true); }),
             "Error: class-permuted string \"a\" would be too short.\n");
   EXPECT_EQ(none, nullptr);
 }

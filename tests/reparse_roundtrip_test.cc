@@ -11,13 +11,13 @@
 //    "(a)?", which then reads as "a?".
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <random>
 #include <string>
 
 #include "reparse/reparse.h"
+#include "tests/support/property.h"
 
 namespace {
 
@@ -91,11 +91,6 @@ class expression_gen {
   std::mt19937 rng_;
 };
 
-int property_count() {
-  const char* env = std::getenv("VORN_PROPERTY_COUNT");
-  return env != nullptr ? std::atoi(env) : 20000;
-}
-
 // Returns the written form, or "" when `text` does not parse.
 std::string written(const std::string& text, bool glob, std::string* err) {
   re_elem_ptr tree = glob ? glob_parse(text.c_str(), err) : regex_parse(text.c_str(), err);
@@ -106,8 +101,9 @@ std::string written(const std::string& text, bool glob, std::string* err) {
 
 void check_round_trip(bool glob) {
   expression_gen gen(glob ? 0x5eed2u : 0x5eed1u);
-  int count = property_count(), parsed = 0;
-  for (int i = 0; i < count; ++i) {
+  const size_t count = property_count(20000);
+  size_t parsed = 0;
+  for (size_t i = 0; i < count; ++i) {
     std::string text = glob ? gen.glob() : gen.regex();
     std::string err;
     std::string once = written(text, glob, &err);

@@ -1,12 +1,10 @@
 // Writing trees back as regular-expression text, and the debug dump.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
-#include "log/log.h"
 #include "reparse/reparse.h"
+#include "tests/support/log_capture.h"
 
 namespace {
 
@@ -78,20 +76,9 @@ TEST(reparse_serialize, dump_layout) {
 }
 
 TEST(reparse_serialize, dump_goes_to_the_log_when_enabled) {
-  char* buf = nullptr;
-  size_t len = 0;
-  FILE* mem = open_memstream(&buf, &len);
-  log_context_push();
-  log_set_stream(mem);
-  log_set_prefix("t");
-  for (int level : {LOG_DEBUG, LOG_TRACE}) {
-    log_set_level(level);
-    re_elem_dump(regex_parse("a", nullptr).get(), LOG_TRACE);
-  }
-  log_context_pop();
-  fclose(mem);
-  EXPECT_EQ(std::string(buf, len), "t: +literal [0] | 1    \"a\"\n");
-  free(buf);
+  for (int level : {LOG_DEBUG, LOG_TRACE})
+    EXPECT_EQ(logged(level, [] { re_elem_dump(regex_parse("a", nullptr).get(), LOG_TRACE); }),
+              level == LOG_TRACE ? "+literal [0] | 1    \"a\"\n" : "");
 }
 
 }  // namespace

@@ -12,17 +12,13 @@
 #include <string>
 
 #include "reparse/reparse.h"
+#include "tests/support/property.h"
 #include "trigram/matcher.h"
 #include "trigram/trigram.h"
 
 namespace {
 
 constexpr int LINES_PER_EXPRESSION = 16;
-
-size_t env_number(const char* name, size_t fallback) {
-  const char* v = getenv(name);
-  return v && *v ? std::strtoull(v, nullptr, 10) : fallback;
-}
 
 class generator {
  public:
@@ -137,26 +133,10 @@ class generator {
   std::mt19937_64 rng_;
 };
 
-// The key's bytes, non-printable ones in hex, then its trigram ids.
-std::string describe(const std::string& key, const std::vector<int32_t>& ids) {
-  std::string out = "\"";
-  for (unsigned char c : key) {
-    char buf[8];
-    snprintf(buf, sizeof buf, c >= 32 && c < 127 ? "%c" : "\\x%02x", c);
-    out += buf;
-  }
-  out += "\" trigrams:";
-  for (int32_t id : ids) {
-    out += ' ';
-    out += std::to_string(id);
-  }
-  return out;
-}
-
 TEST(soundness, confirmed_keys_satisfy_the_query) {
-  const size_t pairs = env_number("VORN_PROPERTY_COUNT", 24000);
-  const uint64_t seed = env_number("VORN_PROPERTY_SEED", 20240611);
-  generator gen(seed);
+  const size_t pairs = property_count(24000);
+  const char* seed = getenv("VORN_PROPERTY_SEED");
+  generator gen(seed ? strtoull(seed, nullptr, 10) : 20240611);
   size_t tried = 0, confirmed = 0, filtered = 0, expressions = 0;
   while (tried < pairs) {
     const bool is_glob = gen.chance(20);
@@ -172,11 +152,10 @@ TEST(soundness, confirmed_keys_satisfy_the_query) {
       if (!match_line(ctx, key.data(), key.size())) continue;
       ++confirmed;
       trigram_bitmap present;
-      const std::vector<int32_t> ids = literal_trigram_ids(key, true, true);
-      for (int32_t id : ids) present.set(id);
+      add_literal_trigrams(present, key, true, true);
       ASSERT_TRUE(trigram_query_accepts(ctx.query.get(), present))
           << "expression: " << expression << (is_glob ? " (glob)" : " (regex)") << "\npattern:    " << *ctx.pattern
-          << "\nkey:        " << describe(key, ids) << "\nquery:      " << trigram_query_to_text(ctx.query.get());
+          << "\nkey:        " << testing::PrintToString(key) << "\nquery:      " << trigram_query_to_text(ctx.query.get());
     }
   }
   printf("%zu expressions (%zu with a trigram filter), %zu keys, %zu confirmed\n", expressions, filtered, tried,

@@ -3,11 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstdio>
-#include <cstdlib>
 #include <random>
 
-#include "log/log.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/property.h"
 #include "trigram/simplify.h"
 #include "trigram/trigram.h"
 
@@ -28,24 +27,6 @@ template <class... M> trigram_query_ptr U(M&&... m) { return node(TQ_UNION, std:
 template <class... M> trigram_query_ptr I(M&&... m) { return node(TQ_INTERSECTION, std::forward<M>(m)...); }
 std::string text(const trigram_query_ptr& q) { return trigram_query_to_text(q.get()); }
 
-// What `fn` logs at `level`, read back from a memory stream.
-template <class F>
-std::string logged(int level, const char* prefix, F&& fn) {
-  char* buf = nullptr;
-  size_t len = 0;
-  FILE* stream = open_memstream(&buf, &len);
-  log_context_push();
-  log_set_stream(stream);
-  log_set_level(level);
-  log_set_prefix_text(prefix);
-  fn();
-  log_context_pop();
-  fclose(stream);
-  std::string out(buf, len);
-  free(buf);
-  return out;
-}
-
 TEST(trigram_query, building_nodes) {
   const uint8_t bits[] = {0x05, 0x00, 0x80};
   EXPECT_EQ(text(trigram_query_from_bitmap(bits, 24)), "{O=1/3:0,2,23}");
@@ -58,14 +39,14 @@ TEST(trigram_query, building_nodes) {
 
 TEST(trigram_query, print) {
   auto tree = U(S({3403, 0}), nullptr, I(S({68920, 68921})));
-  EXPECT_EQ(logged(LOG_FAILURE, "t", [&] { trigram_query_print(tree.get(), 0, TRIGRAM_COUNT); }),
-            "t: + TGR: 0=(0), # union = 3\n"
-            "t:  + TGR: 0=(1), # intersection[s] = 2 | 3403(abc) 0(aaa) \n"
-            "t:  + TGR: 0=(2), # intersection[c] = 1\n"
-            "t:   + TGR: 0=(1), # intersection[s] = 2 | 68920(@@@) 68921(?\?\?) \n"
+  EXPECT_EQ(logged(LOG_FAILURE, [&] { trigram_query_print(tree.get(), 0, TRIGRAM_COUNT); }),
+            "+ TGR: 0=(0), # union = 3\n"
+            " + TGR: 0=(1), # intersection[s] = 2 | 3403(abc) 0(aaa) \n"
+            " + TGR: 0=(2), # intersection[c] = 1\n"
+            "  + TGR: 0=(1), # intersection[s] = 2 | 68920(@@@) 68921(?\?\?) \n"
             "\n");
   // A set at the root gets no closing empty line.
-  EXPECT_EQ(logged(LOG_FAILURE, "", [&] { trigram_query_print(tree->members[0].get(), 0); }),
+  EXPECT_EQ(logged(LOG_FAILURE, [&] { trigram_query_print(tree->members[0].get(), 0); }),
             "+ TGR: 0=(1), # intersection[s] = 2 | 3403(abc) 0(aaa) \n");
 }
 
@@ -105,7 +86,7 @@ TEST(trigram_query, rewrites_and_their_messages) {
   };
   for (size_t i = 0; i < std::size(rows); ++i) {
     trigram_query_ptr out = rows[i].build();
-    std::string log = logged(LOG_DETAIL, "", [&] { out = rows[i].apply(std::move(out)); });
+    std::string log = logged(LOG_DETAIL, [&] { out = rows[i].apply(std::move(out)); });
     EXPECT_EQ(text(out), rows[i].result) << "row " << i;
     EXPECT_EQ(log, rows[i].log) << "row " << i;
   }
@@ -145,8 +126,7 @@ bool well_formed(const trigram_query* q) {
 // that empties a member yields the common set alone; an empty root becomes
 // null) are exact under it.
 TEST(trigram_query, property_simplified_tree_accepts_the_same_lines) {
-  const char* env = getenv("VORN_PROPERTY_COUNT");
-  const size_t count = env && *env ? strtoull(env, nullptr, 10) : 100000;
+  const size_t count = property_count(100000);
   std::vector<trigram_bitmap> lines(1u << pool.size());  // every subset of the pool
   for (size_t mask = 0; mask < lines.size(); ++mask)
     for (size_t b = 0; b < pool.size(); ++b)

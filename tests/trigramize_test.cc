@@ -4,30 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-
-#include "log/log.h"
+#include "tests/support/log_capture.h"
 #include "trigram/matcher.h"
 
 namespace {
-
-template <class F>
-std::string logged(int level, F&& fn) {
-  char* buf = nullptr;
-  size_t len = 0;
-  FILE* stream = open_memstream(&buf, &len);
-  log_context_push();
-  log_set_stream(stream);
-  log_set_level(level);
-  log_set_prefix_text("");
-  fn();
-  log_context_pop();
-  fclose(stream);
-  std::string out(buf, len);
-  free(buf);
-  return out;
-}
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 

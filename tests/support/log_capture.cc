@@ -2,17 +2,15 @@
 
 #include <cstdlib>
 
-#include "log/log.h"
-
-log_capture::log_capture()
-    : stream_(open_memstream(&buf_, &len_)), old_stream_(log_get_stream()), old_level_(log_get_level()) {
+log_capture::log_capture(int level) : stream_(open_memstream(&buf_, &len_)) {
+  log_context_push();
   log_set_stream(stream_);
-  log_set_level(LOG_TRACE);
+  log_set_level(level);
+  log_set_prefix_text("");
 }
 
 log_capture::~log_capture() {
-  log_set_stream(old_stream_);
-  log_set_level(old_level_);
+  log_context_pop();
   fclose(stream_);
   free(buf_);
 }

@@ -1,13 +1,16 @@
-// Captures the log at every level while it lives.
+// Captures the log while it lives, in a context of its own (empty prefix) that
+// is popped again at the end.
 #pragma once
 
 #include <cstddef>
 #include <cstdio>
 #include <string>
 
+#include "log/log.h"
+
 class log_capture {
  public:
-  log_capture();
+  explicit log_capture(int level = LOG_TRACE);
   ~log_capture();
   log_capture(const log_capture&) = delete;
   log_capture& operator=(const log_capture&) = delete;
@@ -19,6 +22,12 @@ class log_capture {
   char* buf_ = nullptr;
   size_t len_ = 0;
   FILE* stream_;
-  FILE* old_stream_;
-  int old_level_;
 };
+
+// What `fn` logs at `level`.
+template <class F>
+std::string logged(int level, F&& fn) {
+  log_capture cap(level);
+  fn();
+  return cap.text();
+}

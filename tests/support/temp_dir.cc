@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 temp_dir::temp_dir() {
   std::string pattern = (std::filesystem::temp_directory_path() / "vorn-test-XXXXXX").string();
@@ -19,4 +20,11 @@ std::string temp_dir::write(const std::string& name, const std::string& contents
   std::string p = file(name);
   std::ofstream(p, std::ios::binary) << contents;
   return p;
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
 }

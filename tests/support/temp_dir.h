@@ -18,3 +18,6 @@ class temp_dir {
  private:
   std::string path_;
 };
+
+// The whole contents of a file ("" when it cannot be read).
+std::string read_file(const std::string& path);
