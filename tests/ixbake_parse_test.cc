@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <stdbool.h>
 
 #include <ldns/ldns.h>
@@ -25,13 +23,6 @@ std::string hex(const std::vector<uint8_t>& v) {
   char b[3];
   for (uint8_t c : v) snprintf(b, sizeof b, "%02x", c), s += b;
   return s;
-}
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
 }
 
 TEST(IxbakeDns, OwnerNames) {
@@ -203,13 +194,13 @@ TEST(IxbakeSetFile, CreatesAppendsAndSkipsListedFiles) {
   const std::string c = other.write("c.tgdb", "x");
   std::string err;
   ASSERT_TRUE(add_to_set_file(set, {a}, err)) << err;
-  EXPECT_EQ(slurp(set), "a.tgdb\n");  // beside the set file: relative
+  EXPECT_EQ(read_file(set), "a.tgdb\n");  // beside the set file: relative
   ASSERT_TRUE(add_to_set_file(set, {a, b, c}, err)) << err;
-  EXPECT_EQ(slurp(set), "a.tgdb\nb.tgdb\n" + c + "\n");
+  EXPECT_EQ(read_file(set), "a.tgdb\nb.tgdb\n" + c + "\n");
   // Lines of any spelling that name the same file count as listed.
   dir.write("all.set", "./a.tgdb\nstale.tgdb");
   ASSERT_TRUE(add_to_set_file(set, {a, b}, err)) << err;
-  EXPECT_EQ(slurp(set), "./a.tgdb\nstale.tgdb\nb.tgdb\n");
+  EXPECT_EQ(read_file(set), "./a.tgdb\nstale.tgdb\nb.tgdb\n");
   EXPECT_FALSE(add_to_set_file(dir.file("missing/x.set"), {a}, err));
 }
 

@@ -6,11 +6,11 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <random>
 #include <sstream>
 
+#include "tests/support/property.h"
 #include "tests/support/run_binary.h"
 #include "tests/support/temp_dir.h"
 #include "tgdb/record_line.h"
@@ -19,30 +19,18 @@
 namespace {
 
 struct index_file {
-  bool rdata = false;
-  bool has_range = false;
+  bool rdata = false, has_range = false;
   uint32_t first = 0, last = 0;
   std::vector<std::string> lines;
 };
 
 index_file read_index(const std::string& path) {
-  index_file f;
   auto db = tgdb_open(path.c_str());
   EXPECT_TRUE(db) << path;
-  if (!db) return f;
-  f.rdata = db->is_rdata();
-  f.has_range = db->has_time_range();
-  f.first = db->first_seen();
-  f.last = db->last_seen();
+  if (!db) return {};
+  index_file f{db->is_rdata(), db->has_time_range(), db->first_seen(), db->last_seen(), {}};
   for (uint64_t n = 0; const char* p = tgdb_line(*db, n); ++n) f.lines.emplace_back(tgdb_line_text(*db, p));
   return f;
-}
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
 }
 
 run_result ixbake(std::vector<std::string> args, const std::string& input = "") {
@@ -50,31 +38,35 @@ run_result ixbake(std::vector<std::string> args, const std::string& input = "") 
   return run_binary(IXBAKE_BIN, args, input);
 }
 
-int property_count() {
-  const char* s = getenv("VORN_PROPERTY_COUNT");
-  return s ? std::max(1, atoi(s)) : 20;
+std::string join_lines(const std::vector<std::string>& v) {
+  std::string s;
+  for (const auto& l : v) s += l + "\n";
+  return s;
 }
 
 struct folded {
   uint64_t count = 0;
   int64_t first = INT64_MAX, last = 0;
   void add(uint64_t c, int64_t f, int64_t l) { count += c, first = std::min(first, f), last = std::max(last, l); }
+  bool operator==(const folded&) const = default;
+  friend std::ostream& operator<<(std::ostream& o, const folded& f) {
+    return o << f.count << " [" << f.first << ", " << f.last << "]";
+  }
 };
+using folded_map = std::map<std::pair<std::string, uint16_t>, folded>;  // (key, type)
 
 // Random observations over a small set of names and values, spelled in
-// varying case and with or without the final dot, with what the files must
+// varying case and with or without the final dot, with what each file must
 // then hold, folded independently of the program.
 struct observations {
   std::vector<std::string> json;
-  std::map<std::pair<std::string, uint16_t>, folded> by_owner;  // (owner, type)
-  std::map<std::pair<std::string, uint16_t>, folded> by_rdata;  // (key text, type)
+  folded_map by_kind[2];  // owner names, record data
   uint32_t first = UINT32_MAX, last = 0;
 };
 
 std::string spell(std::mt19937_64& rng, std::string name) {
-  for (char& c : name) {
+  for (char& c : name)
     if (rng() % 3 == 0) c = char(toupper(c));
-  }
   return rng() % 2 ? name + "." : name;
 }
 
@@ -85,29 +77,17 @@ observations random_observations(std::mt19937_64& rng, int n) {
     owner += std::to_string(rng() % 40) + ".zone" + std::to_string(rng() % 3) + ".example";
     const uint32_t first = 1600000000u + uint32_t(rng() % 100000000u), last = first + uint32_t(rng() % 1000000u);
     const uint64_t count = 1 + rng() % 1000;
-    std::vector<std::pair<std::string, std::string>> rdata;  // (as written, canonical)
-    uint16_t type = 1;
-    const std::string type_text[] = {"\"A\"", "5", "\"mx\""};
     const int t = int(rng() % 3);
+    const uint16_t type = uint16_t(t == 0 ? 1 : t == 1 ? 5 : 15);
+    std::string line = "{\"rrname\":\"" + spell(rng, owner) + "\",\"rrtype\":" + (t == 0 ? "\"A\"" : t == 1 ? "5" : "\"mx\"") +
+                       ",\"rdata\":[";
     for (int k = 0, m = 1 + int(rng() % 3); k < m; ++k) {
-      if (t == 0) {
-        const std::string ip = "192.0.2." + std::to_string(rng() % 20);
-        rdata.emplace_back(ip, ip);
-      } else if (t == 1) {
-        type = 5;
-        const std::string target = "edge" + std::to_string(rng() % 10) + ".cdn.example";
-        rdata.emplace_back(spell(rng, target), target);
-      } else {
-        type = 15;
-        const std::string mx = "10 mx" + std::to_string(rng() % 5) + ".zone.example";
-        rdata.emplace_back(spell(rng, mx), mx);
-      }
-    }
-    std::string line = "{\"rrname\":\"" + spell(rng, owner) + "\",\"rrtype\":" + type_text[t] + ",\"rdata\":[";
-    for (size_t k = 0; k < rdata.size(); ++k) {
-      line += (k ? ",\"" : "\"") + rdata[k].first + "\"";
-      o.by_owner[{owner, type}].add(count, first, last);
-      o.by_rdata[{rdata[k].second, type}].add(count, first, last);
+      const std::string value = t == 0   ? "192.0.2." + std::to_string(rng() % 20)
+                                : t == 1 ? "edge" + std::to_string(rng() % 10) + ".cdn.example"
+                                         : "10 mx" + std::to_string(rng() % 5) + ".zone.example";
+      line += (k ? ",\"" : "\"") + (t == 0 ? value : spell(rng, value)) + "\"";
+      o.by_kind[0][{owner, type}].add(count, first, last);
+      o.by_kind[1][{value, type}].add(count, first, last);
     }
     line += "],\"time_first\":" + std::to_string(first) + ",\"time_last\":" + std::to_string(last) +
             ",\"count\":" + std::to_string(count) + ",\"other\":{\"x\":[1,2]}}";
@@ -117,64 +97,35 @@ observations random_observations(std::mt19937_64& rng, int n) {
   return o;
 }
 
-std::string join_lines(const std::vector<std::string>& v) {
-  std::string s;
-  for (const auto& l : v) s += l + "\n";
-  return s;
-}
-
 TEST(Ixbake, JsonRoundTripHoldsEveryRecordWithItsCountsAndTimes) {
   std::mt19937_64 rng(7);
-  for (int round = 0; round < property_count(); ++round) {
+  for (size_t round = 0; round < property_count(20); ++round) {
     temp_dir dir;
     const observations o = random_observations(rng, 300);
     const auto r = ixbake({"-o", dir.file("t"), dir.write("in.json", join_lines(o.json))});
     ASSERT_EQ(r.status, 0) << r.err;
-
-    const index_file rr = read_index(dir.file("t.rrname.tgdb"));
-    EXPECT_FALSE(rr.rdata);
-    std::map<std::pair<std::string, uint16_t>, folded> got;
-    for (size_t i = 0; i < rr.lines.size(); ++i) {
-      const std::string& line = rr.lines[i];
-      if (i > 0) {
-        EXPECT_LT(compare_rrname_lines(rr.lines[i - 1], line), 0);
+    for (bool rdata : {false, true}) {
+      const index_file f = read_index(dir.file(rdata ? "t.rdata.tgdb" : "t.rrname.tgdb"));
+      EXPECT_EQ(f.rdata, rdata);
+      EXPECT_TRUE(f.has_range);
+      EXPECT_EQ(f.first, o.first);
+      EXPECT_EQ(f.last, o.last);
+      folded_map got;
+      for (size_t i = 0; i < f.lines.size(); ++i) {
+        const std::string& line = f.lines[i];
+        EXPECT_TRUE(i == 0 || (rdata ? compare_rdata_lines : compare_rrname_lines)(f.lines[i - 1], line) < 0) << line;
+        const size_t tab = line.find('\t');
+        const std::string_view value = std::string_view(line).substr(tab + 1);
+        std::vector<search_entry> entries;
+        if (!rdata)
+          entries = parse_rrname_value(value);
+        else if (const auto v = parse_rdata_value(value); v && !decode_rdata(v->wire_form).empty())
+          entries = {v->entry};
+        else
+          ADD_FAILURE() << line;
+        for (const auto& e : entries) got[{line.substr(0, tab), e.rrtype}].add(e.count, e.time_first, e.time_last);
       }
-      const size_t tab = line.find('\t');
-      for (const auto& e : parse_rrname_value(line.substr(tab + 1))) {
-        got[{line.substr(0, tab), e.rrtype}].add(e.count, e.time_first, e.time_last);
-      }
-    }
-    EXPECT_EQ(got.size(), o.by_owner.size());
-    for (const auto& [k, want] : o.by_owner) {
-      EXPECT_EQ(got[k].count, want.count) << k.first;
-      EXPECT_EQ(got[k].first, want.first) << k.first;
-      EXPECT_EQ(got[k].last, want.last) << k.first;
-    }
-
-    const index_file rd = read_index(dir.file("t.rdata.tgdb"));
-    EXPECT_TRUE(rd.rdata);
-    got.clear();
-    for (size_t i = 0; i < rd.lines.size(); ++i) {
-      const std::string& line = rd.lines[i];
-      if (i > 0) {
-        EXPECT_LT(compare_rdata_lines(rd.lines[i - 1], line), 0);
-      }
-      const size_t tab = line.find('\t');
-      const auto v = parse_rdata_value(std::string_view(line).substr(tab + 1));
-      ASSERT_TRUE(v) << line;
-      EXPECT_FALSE(decode_rdata(v->wire_form).empty());
-      got[{line.substr(0, tab), v->entry.rrtype}].add(v->entry.count, v->entry.time_first, v->entry.time_last);
-    }
-    EXPECT_EQ(got.size(), o.by_rdata.size());
-    for (const auto& [k, want] : o.by_rdata) {
-      EXPECT_EQ(got[k].count, want.count) << k.first;
-      EXPECT_EQ(got[k].first, want.first) << k.first;
-      EXPECT_EQ(got[k].last, want.last) << k.first;
-    }
-    for (const index_file* f : {&rr, &rd}) {
-      EXPECT_TRUE(f->has_range);
-      EXPECT_EQ(f->first, o.first);
-      EXPECT_EQ(f->last, o.last);
+      EXPECT_EQ(got, o.by_kind[rdata]);
     }
   }
 }
@@ -203,15 +154,12 @@ TEST(Ixbake, ZoneFileRoundTrip) {
   EXPECT_EQ(rr.first, 0x67d4c300u);
   const index_file rd = read_index(dir.file("z.rdata.tgdb"));
   ASSERT_EQ(rd.lines.size(), 18u);
-  const std::string want_some[] = {
-      "10 mail.kestrel-analytics.io\t29/000a046d61696c116b65737472656c2d616e616c797469637302696f00 m:67d4c300:1",
-      "1 . alpn=h2,h3\t13/00010000010006026832026833 65:67d4c300:1",
-      "0 issue \"certs.dnsgrid.net\"\t24/0005697373756563657274732e646e73677269642e6e6574 257:67d4c300:1",
-      "198.51.100.21\t4/c6336415 4:67d4c300:1",
-  };
-  for (const auto& line : want_some) {
+  for (const char* line : {
+           "10 mail.kestrel-analytics.io\t29/000a046d61696c116b65737472656c2d616e616c797469637302696f00 m:67d4c300:1",
+           "1 . alpn=h2,h3\t13/00010000010006026832026833 65:67d4c300:1",
+           "0 issue \"certs.dnsgrid.net\"\t24/0005697373756563657274732e646e73677269642e6e6574 257:67d4c300:1",
+           "198.51.100.21\t4/c6336415 4:67d4c300:1"})
     EXPECT_NE(std::find(rd.lines.begin(), rd.lines.end(), line), rd.lines.end()) << line;
-  }
 }
 
 TEST(Ixbake, SameInputSameBytesWhateverTheOrderSplitOrThreads) {
@@ -225,11 +173,11 @@ TEST(Ixbake, SameInputSameBytesWhateverTheOrderSplitOrThreads) {
   const std::string p2 = dir.write("b2.json", join_lines({half, o.json.end()}));
   ASSERT_EQ(ixbake({"--threads", "1", "-o", dir.file("b"), p2, p1}).status, 0);
   ASSERT_EQ(ixbake({"--threads", "3", "-o", dir.file("c"), p1, p2}).status, 0);
-  for (const char* kind : {".rrname.tgdb", ".rdata.tgdb"}) {
-    const std::string a = slurp(dir.file(std::string("a") + kind));
+  for (const std::string kind : {".rrname.tgdb", ".rdata.tgdb"}) {
+    const std::string a = read_file(dir.file("a" + kind));
     EXPECT_GT(a.size(), 0u);
-    EXPECT_EQ(a, slurp(dir.file(std::string("b") + kind))) << kind;
-    EXPECT_EQ(a, slurp(dir.file(std::string("c") + kind))) << kind;
+    EXPECT_EQ(a, read_file(dir.file("b" + kind))) << kind;
+    EXPECT_EQ(a, read_file(dir.file("c" + kind))) << kind;
   }
 }
 
@@ -289,47 +237,36 @@ TEST(Ixbake, BadRecordsAreReportedCountedAndSkipped) {
 
 TEST(Ixbake, GzipStandardInputAndRecordLinesGiveTheSameFiles) {
   temp_dir dir;
-  const std::string sample = VORN_SOURCE_DIR "/data/sample-pdns.jsonl";
+  const std::string sample = VORN_SOURCE_DIR "/data/sample-pdns.jsonl", text = read_file(sample);
   ASSERT_EQ(ixbake({"-o", dir.file("plain"), sample}).status, 0);
-  const std::string text = slurp(sample);
   gzFile gz = gzopen(dir.file("s.gz").c_str(), "wb");
   gzwrite(gz, text.data(), unsigned(text.size()));
   gzclose(gz);
-  ASSERT_EQ(ixbake({"-o", dir.file("gz"), dir.file("s.gz")}).status, 0);
   // A cut-off compressed stream is an error, not a short input.
-  const std::string gz_bytes = slurp(dir.file("s.gz"));
+  const std::string gz_bytes = read_file(dir.file("s.gz"));
   const auto cut = ixbake({"-o", dir.file("cut"), dir.write("cut.gz", gz_bytes.substr(0, gz_bytes.size() / 2))});
   EXPECT_EQ(cut.status, 1);
   EXPECT_EQ(cut.err, "ixbake: cannot read " + dir.file("cut.gz") + ": unexpected end of file\nixbake: nothing written\n");
+
+  // The files' own lines, fed back as record lines (reversed, one line split
+  // in two), bake to the same files.
+  std::vector<std::string> rr = read_index(dir.file("plain.rrname.tgdb")).lines;
+  ASSERT_GT(rr.size(), 100u);
+  const auto multi = std::find_if(rr.begin(), rr.end(), [](auto& l) { return l.find(' ') != std::string::npos; });
+  ASSERT_NE(multi, rr.end());
+  const std::string whole = *multi;
+  *multi = whole.substr(0, whole.find(' '));
+  rr.push_back(whole.substr(0, whole.find('\t') + 1) + whole.substr(whole.find(' ') + 1));
+  std::reverse(rr.begin(), rr.end());
+  const std::string rd = join_lines(read_index(dir.file("plain.rdata.tgdb")).lines);
+  ASSERT_EQ(ixbake({"-o", dir.file("gz"), dir.file("s.gz")}).status, 0);
   ASSERT_EQ(ixbake({"-o", dir.file("stdin")}, text).status, 0);
   ASSERT_EQ(ixbake({"-o", dir.file("dash"), "-"}, text).status, 0);
-
-  // The files' own lines, fed back (split in two, one line twice) as
-  // record lines, bake to the same files.
-  const index_file rr = read_index(dir.file("plain.rrname.tgdb"));
-  const index_file rd = read_index(dir.file("plain.rdata.tgdb"));
-  ASSERT_GT(rr.lines.size(), 100u);
-  std::vector<std::string> rr_lines = rr.lines;
-  const auto multi = std::find_if(rr_lines.begin(), rr_lines.end(),
-                                  [](const std::string& l) { return l.find(' ') != std::string::npos; });
-  ASSERT_NE(multi, rr_lines.end());
-  const std::string whole = *multi;
-  const size_t tab = whole.find('\t'), space = whole.find(' ');
-  *multi = whole.substr(0, space);
-  rr_lines.push_back(whole.substr(0, tab + 1) + whole.substr(space + 1));
-  std::reverse(rr_lines.begin(), rr_lines.end());
-  ASSERT_EQ(ixbake({"--kind", "rrname", "-o", dir.file("lines"), dir.write("rr.txt", join_lines(rr_lines))}).status,
-            0);
-  ASSERT_EQ(ixbake({"--kind", "rdata", "--format", "lines", "-o", dir.file("lines"),
-                    dir.write("rd.txt", join_lines(rd.lines))})
-                .status,
-            0);
-  for (const char* kind : {".rrname.tgdb", ".rdata.tgdb"}) {
-    const std::string want = slurp(dir.file(std::string("plain") + kind));
-    for (const char* other : {"gz", "stdin", "dash", "lines"}) {
-      EXPECT_EQ(slurp(dir.file(std::string(other) + kind)), want) << other << kind;
-    }
-  }
+  ASSERT_EQ(ixbake({"--kind", "rrname", "-o", dir.file("lines"), dir.write("rr.txt", join_lines(rr))}).status, 0);
+  ASSERT_EQ(ixbake({"--kind", "rdata", "--format", "lines", "-o", dir.file("lines"), dir.write("rd.txt", rd)}).status, 0);
+  for (const std::string kind : {".rrname.tgdb", ".rdata.tgdb"})
+    for (const std::string other : {"gz", "stdin", "dash", "lines"})
+      EXPECT_EQ(read_file(dir.file(other + kind)), read_file(dir.file("plain" + kind))) << other << kind;
 }
 
 TEST(Ixbake, FilesetListsEachKindInItsOwnSetFile) {
@@ -341,11 +278,11 @@ TEST(Ixbake, FilesetListsEachKindInItsOwnSetFile) {
   ASSERT_EQ(ixbake({"--fileset", set, "-o", dir.file("one"), in}).status, 0);
   ASSERT_EQ(ixbake({"--fileset", set, "-o", dir.file("two"), in}).status, 0);
   ASSERT_EQ(ixbake({"--fileset", set, "-o", dir.file("two"), in}).status, 0);  // already listed
-  EXPECT_EQ(slurp(set), "one.rrname.tgdb\ntwo.rrname.tgdb\n");
-  EXPECT_EQ(slurp(set + ".rdata"), "one.rdata.tgdb\ntwo.rdata.tgdb\n");
+  EXPECT_EQ(read_file(set), "one.rrname.tgdb\ntwo.rrname.tgdb\n");
+  EXPECT_EQ(read_file(set + ".rdata"), "one.rdata.tgdb\ntwo.rdata.tgdb\n");
   const std::string only = dir.file("rd.set");
   ASSERT_EQ(ixbake({"--kind", "rdata", "--fileset", only, "-o", dir.file("three"), in}).status, 0);
-  EXPECT_EQ(slurp(only), "three.rdata.tgdb\n");
+  EXPECT_EQ(read_file(only), "three.rdata.tgdb\n");
   EXPECT_FALSE(std::filesystem::exists(dir.file("three.rrname.tgdb")));
 }
 

@@ -3,12 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <functional>
 #include <random>
 #include <tuple>
 
 #include "log/log.h"
+#include "tests/support/property.h"
 
 namespace {
 
@@ -18,7 +18,6 @@ using order = std::function<int(std::string_view, std::string_view)>;
 std::string shown(const std::vector<search_entry>& entries) { return rrname_line("k", entries); }
 
 int sign(int v) { return (v > 0) - (v < 0); }
-int rounds() { return getenv("VORN_PROPERTY_COUNT") ? atoi(getenv("VORN_PROPERTY_COUNT")) : 10; }
 
 TEST(record_line, parses_type_codes) {
   const std::pair<const char*, uint16_t> cases[] = {
@@ -61,7 +60,7 @@ TEST(record_line, formats_lines_that_parse_back) {
   EXPECT_EQ(rdata_line("1.0.0.10", std::vector<uint8_t>{1, 0, 0, 10}, {300, 16, 5, 5}),
             "1.0.0.10\t4/0100000a 300:5:10");
   std::mt19937_64 rng(17);
-  for (int round = 0; round < 100 * rounds(); ++round) {
+  for (size_t round = 0; round < 100 * property_count(10); ++round) {
     std::vector<search_entry> entries(1 + rng() % 4);
     std::vector<uint8_t> bytes(1 + rng() % 300);
     for (auto& b : bytes) b = static_cast<uint8_t>(rng());
@@ -83,7 +82,7 @@ TEST(record_line, formats_lines_that_parse_back) {
 void expect_strict_weak(const order& cmp, const std::function<std::string(std::mt19937_64&)>& make,
                         const std::function<std::string(const std::string&)>& group) {
   std::mt19937_64 rng(7);
-  for (int round = 0; round < rounds(); ++round) {
+  for (size_t round = 0; round < property_count(10); ++round) {
     std::vector<std::string> lines(60);
     for (auto& line : lines) line = make(rng);
     const size_t n = lines.size();

@@ -71,8 +71,6 @@ TEST(reparse_serialize, dump_layout) {
   EXPECT_EQ(re_elem_dump_text(regex_parse("[~-\x7f]", nullptr).get(), ""),
             "+class [0] | 1    \\x7e-\\x7f\n");
   EXPECT_EQ(re_elem_dump_text(nullptr, "", 0), "+[NULL]\n");
-  re_elem odd(static_cast<re_elem_type>(9));
-  EXPECT_EQ(re_elem_dump_text(&odd, "", 2), "+++++++ [unknown]\n");
 }
 
 TEST(reparse_serialize, dump_goes_to_the_log_when_enabled) {

@@ -80,6 +80,11 @@ struct golden {
   int status;
 };
 
+std::string upper(std::string s) {
+  for (char& ch : s) ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
+  return s;
+}
+
 TEST_F(vornsearch, golden_command_lines) {
   const std::string www_text =
       "www.example.com       A/15 [2023-03-02 01:46:40 / 2023-09-12 06:11:12]\t"
@@ -181,6 +186,19 @@ TEST_F(vornsearch, golden_command_lines) {
        "192.0.2.1\t4/" + hex_bytes(4, 0) + " 4:65000000:2\n",
        {},
        0},
+      {"json rdata: 511 bytes written, 512 refused",
+       {"-l", "@c.rdata.tgdb", "-j", "-s", "txt-big"},
+       "",
+       "{\"details\":{\"rdata\":\"txt-big511\",\"rrtype\":\"TXT\",\"count\":1,\"time_first\":1694498816,"
+       "\"time_last\":1694498816,\"raw_rdata\":\"" + upper(hex_bytes(511, 3)) + "\"}}\n",
+       {"Error: too much rdata to return as raw_rdata"},
+       0},
+      {"json: invalid UTF-8 ends the object",
+       {"-l", "@a.rrname.tgdb", "-j", "-s", "^bad"},
+       "",
+       "{\"details\":{\"rrname\"\n",
+       {"search-1: Error: function yajl_gen_string() returned 7 {unknown}"},
+       0},
   };
   for (const auto& c : cases) {
     run_result r = run(c.args, c.input);
@@ -190,62 +208,19 @@ TEST_F(vornsearch, golden_command_lines) {
   }
 }
 
-std::string upper(std::string s) {
-  for (char& ch : s) ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
-  return s;
-}
-
-TEST_F(vornsearch, json_rdata_limits_and_invalid_utf8) {
-  run_result r = run({"-l", "@c.rdata.tgdb", "-j", "-s", "txt-big"});
-  EXPECT_EQ(r.out,
-            "{\"details\":{\"rdata\":\"txt-big511\",\"rrtype\":\"TXT\",\"count\":1,\"time_first\":1694498816,"
-            "\"time_last\":1694498816,\"raw_rdata\":\"" +
-                upper(hex_bytes(511, 3)) + "\"}}\n");
-  EXPECT_NE(r.err.find("Error: too much rdata to return as raw_rdata\n"), std::string::npos) << r.err;
-  EXPECT_EQ(r.status, 0);
-
-  r = run({"-l", "@a.rrname.tgdb", "-j", "-s", "^bad"});
-  expect_lines(r.err, {"search-1: Error: function yajl_gen_string() returned 7 {unknown}"}, "utf8");
-  EXPECT_EQ(r.out, "{\"details\":{\"rrname\"\n");
-  EXPECT_EQ(r.status, 0);
-}
-
-TEST_F(vornsearch, start_up_order_and_levels) {
-  // The conflicting option is the one named, whichever comes second.
-  run_result r = run({"-l", "@a.rrname.tgdb", "-f", "@rrname.set"});
-  EXPECT_EQ(r.err.rfind("-f may not be used with -l\n\nUsage: ", 0), 0u) << r.err;
-  EXPECT_EQ(r.status, 1);
-  r = run({"-f", "@rrname.set", "-l", "@a.rrname.tgdb"});
-  EXPECT_NE(r.err.find("-l may not be used with -f\n\nUsage: "), std::string::npos) << r.err;
-  EXPECT_EQ(r.status, 1);
-
-  // Files of the other kind are refused when they are added.
-  r = run({"-l", "@a.rrname.tgdb", "-l", "@c.rdata.tgdb"});
-  const std::string prefix = std::string(VORNSEARCH_BIN) + ": ";
-  expect_lines(r.err, {prefix + "rdata file " + dir->file("c.rdata.tgdb") + " rejected from rrname file list",
-                       "Failed to add file " + dir->file("c.rdata.tgdb")},
-               "kinds");
-  EXPECT_EQ(r.status, 1);
-
-  struct level_case {
-    std::vector<std::string> extra;
-    std::string env;
-    std::string level;
+// VORN_LOGLEVEL names in any case, each -v one level more.
+TEST_F(vornsearch, start_up_levels) {
+  const std::tuple<std::vector<std::string>, std::string, std::string> levels[] = {
+      {{}, "", "info"},   {{"-v"}, "", "stat"},          {{"-v", "-v"}, "", "debug"},
+      {{"-vvvvvvvv"}, "", "trace"}, {{}, "DEBUG", "debug"}, {{"-v"}, "Error", "info"},
   };
-  const level_case levels[] = {
-      {{}, "", "info"},          {{"-v"}, "", "stat"},       {{"-v", "-v"}, "", "debug"},
-      {{"-vvvvvvvv"}, "", "trace"}, {{}, "DEBUG", "debug"},   {{"-v"}, "Error", "info"},
-  };
-  for (const auto& c : levels) {
-    std::vector<std::string> args = {VORNSEARCH_BIN, "-l", dir->file("a.rrname.tgdb"), "-s", "zzz"};
-    args.insert(args.end(), c.extra.begin(), c.extra.end());
-    std::vector<std::pair<std::string, std::string>> env = {{"TZ", "UTC"}};
-    if (!c.env.empty()) env.emplace_back("VORN_LOGLEVEL", c.env);
-    run_result lr = run_vornsearch({args.begin() + 1, args.end()}, "", env);
-    std::string starting = std::string(VORNSEARCH_BIN) + ": Starting, logging level '" + c.level + "'";
-    expect_lines(lr.err, {starting}, c.level);
-    bool report = c.level == "stat" || c.level == "debug" || c.level == "trace";
-    EXPECT_EQ(lr.err.find("search-1:     Total Elapsed: ") != std::string::npos, report) << lr.err;
+  for (const auto& [extra, env, level] : levels) {
+    std::vector<std::string> args = {"-l", dir->file("a.rrname.tgdb"), "-s", "zzz"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    const run_result r = env.empty() ? run_vornsearch(args) : run_vornsearch(args, "", {{"VORN_LOGLEVEL", env}});
+    expect_lines(r.err, {std::string(VORNSEARCH_BIN) + ": Starting, logging level '" + level + "'"}, level);
+    const bool report = level == "stat" || level == "debug" || level == "trace";
+    EXPECT_EQ(r.err.find("search-1:     Total Elapsed: ") != std::string::npos, report) << r.err;
   }
 }
 
@@ -289,38 +264,6 @@ TEST(vornsearch_timeout, stalls_time_out_but_steady_results_do_not) {
   size_t at = r.err.find(elapsed);
   ASSERT_NE(at, std::string::npos) << r.err;
   EXPECT_GT(std::stod(r.err.substr(at + elapsed.size())), 0.1) << "the search should outlast its time-out";
-}
-
-}  // namespace
-
-namespace {
-
-// What ixbake writes is what vornsearch finds: counts summed, times widened,
-// record data found by its text, and a fileset that ixbake keeps.
-TEST(vornsearch_ixbake, baked_observations_are_found) {
-  temp_dir dir;
-  dir.write("feed.jsonl",
-            R"({"rrname":"WWW.Example.COM.","rrtype":"A","rdata":"192.0.2.1","time_first":1700000000,"time_last":1700000100,"count":2})"
-            "\n"
-            R"({"rrname":"www.example.com","rrtype":"A","rdata":["192.0.2.1","192.0.2.2"],"time_first":1690000000,"time_last":1700000000,"count":3})"
-            "\n"
-            R"({"rrname":"mail.example.com","rrtype":"MX","rdata":"10 mx1.Example.com.","time_first":1700000000,"time_last":1700000000,"count":1})"
-            "\n");
-  run_result bake = run_binary(IXBAKE_BIN, {"-q", "--no-sync", "--fileset", dir.file("names.set"), "-o",
-                                            dir.file("feed"), dir.file("feed.jsonl")});
-  ASSERT_EQ(bake.status, 0) << bake.err;
-
-  run_result r = run_vornsearch({"-f", dir.file("names.set"), "-r", "-s", "example"});
-  EXPECT_EQ(r.out,
-            "www.example.com\t4:64bb5a80,9896e4:8\n"
-            "mail.example.com\tm:6553f100:1\n");
-  EXPECT_EQ(r.status, 0) << r.err;
-
-  r = run_vornsearch({"-f", dir.file("names.set.rdata"), "-r", "-s", "^(192\\.0\\.2\\.2|10 mx1\\.)"});
-  EXPECT_EQ(r.out,
-            "10 mx1.example.com\t19/000a036d7831076578616d706c6503636f6d00 m:6553f100:1\n"
-            "192.0.2.2\t4/c0000202 4:64bb5a80,989680:3\n");
-  EXPECT_EQ(r.status, 0) << r.err;
 }
 
 }  // namespace

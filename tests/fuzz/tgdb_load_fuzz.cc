@@ -10,13 +10,11 @@
 //                                other is taken relative to P1 - 1
 //     body...                    placed at P1 (string table, line index and
 //                                posting lists)
-// Running the target with VORN_FUZZ_WRITE_SEEDS=DIR writes seed inputs made
-// by the index writer into DIR and exits.
+// The seeds seed0..seed2 in the corpus are files of the index writer in this
+// form (all their posting lists, bodies verbatim).
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -25,7 +23,6 @@
 #include "log/log.h"
 #include "tgdb/tgdb.h"
 #include "tgdb/tgdb_iter.h"
-#include "tgdb/tgdb_writer.h"
 
 namespace {
 
@@ -121,71 +118,11 @@ void exercise(const std::shared_ptr<tgdb>& db) {
   }
 }
 
-void write_seeds(const char* dir) {
-  struct seed {
-    std::vector<std::string> lines;
-    tgdb_write_options opts;
-  };
-  std::vector<seed> seeds;
-  seeds.push_back({{"a.example.com\tA\t1", "b.example.com\tA\t2", "mail.example.com\tMX\t3"}, {}});
-  seed many;
-  for (int i = 0; i < 150; ++i) many.lines.push_back("h" + std::to_string(i % 40) + ".ex\tA\t" + std::string(i % 7, 'x'));
-  many.opts.rdata = true;
-  many.opts.has_time_range = true;
-  many.opts.first_seen = 1000;
-  many.opts.last_seen = 2000;
-  seeds.push_back(many);
-  seed runs;
-  for (int i = 0; i < 300; ++i) runs.lines.push_back(std::string(i < 200 ? "aaa" : "zzz") + std::to_string(i * 7 % 1000));
-  seeds.push_back(runs);
-  int number = 0;
-  for (const seed& s : seeds) {
-    std::string path = std::string(dir) + "/tmp.tgdb";
-    std::vector<std::string_view> views(s.lines.begin(), s.lines.end());
-    std::string err;
-    if (!tgdb_write(path, views, s.opts, &err)) {
-      fprintf(stderr, "%s\n", err.c_str());
-      exit(1);
-    }
-    auto db = tgdb_open(path.c_str());
-    std::span<const uint8_t> f = db->file();
-    const uint64_t p1 = tgdb_round_up(TGDB_MIN_SIZE + TGDB_NREF_SIZE);
-    std::string out = "C";
-    out.append(reinterpret_cast<const char*>(f.data()), TGDB_HEADER_SIZE);
-    std::string entries;
-    int k = 0;
-    for (int32_t t = 0; t < TRIGRAM_COUNT && k < 255; ++t) {
-      const uint8_t* e = f.data() + TGDB_HEADER_SIZE + TGDB_NREF_SIZE + 16 * size_t(t);
-      uint64_t count = tgdb_get_u64(e), offset = tgdb_get_u64(e + 8);
-      if (count == 0 || offset == 0) continue;
-      uint64_t rel = offset - p1 + 1;
-      entries.append(reinterpret_cast<const char*>(&t), 4);
-      entries.append(reinterpret_cast<const char*>(&count), 8);
-      entries.append(reinterpret_cast<const char*>(&rel), 8);
-      ++k;
-    }
-    out += char(k);
-    out += entries;
-    out.append(reinterpret_cast<const char*>(f.data()) + p1, f.size() - p1);
-    FILE* o = fopen((std::string(dir) + "/seed" + std::to_string(number++)).c_str(), "wb");
-    fwrite(out.data(), 1, out.size(), o);
-    fclose(o);
-    unlink(path.c_str());
-  }
-  FILE* o = fopen((std::string(dir) + "/raw-short").c_str(), "wb");
-  fwrite("RQXVTRI\0\0", 1, 9, o);
-  fclose(o);
-}
-
 int memfd = -1;
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  if (const char* dir = getenv("VORN_FUZZ_WRITE_SEEDS")) {
-    write_seeds(dir);
-    exit(0);
-  }
   log_set_level(LOG_FAILURE);  // keep the fuzzer's output readable
   memfd = memfd_create("tgdb-fuzz", MFD_CLOEXEC);
   return memfd < 0;
