@@ -18,89 +18,58 @@
 
 namespace {
 
-std::string hex(const std::vector<uint8_t>& v) {
-  std::string s;
-  char b[3];
-  for (uint8_t c : v) snprintf(b, sizeof b, "%02x", c), s += b;
-  return s;
-}
-
 TEST(IxbakeDns, OwnerNames) {
-  const struct {
-    std::string in;
-    const char* out;  // null: refused
-  } cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
       {"WWW.Example.COM.", "www.example.com"},
-      {"www.example.com", "www.example.com"},
       {".", "."},
       {"*.Example.com", "*.example.com"},
       {"a b.example", "a\\032b.example"},      // space escaped
       {"a\\.b.example.", "a\\.b.example"},     // dot inside a label
       {"caf\\195\\169.example", "caf\\195\\169.example"},
       {"x\\009y.example", "x\\009y.example"},  // never a raw tab
-      {"", nullptr},
-      {"a..b", nullptr},
-      {std::string(64, 'a') + ".example", nullptr},
+      {"", "!"},                               // refused, with a reason
+      {"a..b", "!"},
+      {std::string(64, 'a') + ".example", "!"},
   };
   dns_parser dns;
-  for (const auto& c : cases) {
+  for (const auto& [in, want] : cases) {
     std::string out, err;
-    const bool ok = dns.owner_name(c.in, out, err);
-    if (!c.out) {
-      EXPECT_FALSE(ok) << c.in;
-      EXPECT_FALSE(err.empty()) << c.in;
-    } else {
-      EXPECT_TRUE(ok) << c.in << ": " << err;
-      EXPECT_EQ(out, c.out) << c.in;
-    }
+    EXPECT_EQ(dns.owner_name(in, out, err) ? out : err.empty() ? "! without a reason" : "!", want) << in;
   }
 }
 
 TEST(IxbakeDns, RecordTypes) {
-  EXPECT_EQ(parse_rrtype_name("A"), 1);
-  EXPECT_EQ(parse_rrtype_name("aaaa"), 28);
-  EXPECT_EQ(parse_rrtype_name("TYPE65"), 65);
-  EXPECT_EQ(parse_rrtype_name("257"), 257);
-  for (const char* bad : {"FOO", "", "0", "TYPE", "TYPE70000", "65536", "1x", "TYPE-1"}) {
-    EXPECT_EQ(parse_rrtype_name(bad), 0) << bad;
-  }
+  for (const auto& [name, type] : {std::pair{"A", 1}, {"aaaa", 28}, {"TYPE65", 65}, {"257", 257}, {"FOO", 0},
+                                   {"", 0}, {"0", 0}, {"TYPE", 0}, {"TYPE70000", 0}, {"65536", 0}, {"1x", 0},
+                                   {"TYPE-1", 0}})
+    EXPECT_EQ(parse_rrtype_name(name), type) << name;
   EXPECT_EQ(rrtype_name(65), "HTTPS");
   EXPECT_EQ(rrtype_name(65000), "TYPE65000");
 }
 
 TEST(IxbakeDns, RecordData) {
-  const struct {
-    uint16_t type;
-    const char* in;
-    const char* text;  // null: refused
-    const char* wire;
-  } cases[] = {
-      {1, "192.0.2.1", "192.0.2.1", "c0000201"},
-      {1, "\\# 4 c0000201", "192.0.2.1", "c0000201"},  // generic form, same data
-      {1, "  192.0.2.1 ", "192.0.2.1", "c0000201"},
-      {28, "2001:DB8::1", "2001:db8::1", "20010db8000000000000000000000001"},
-      {5, "Edge.CDN.example.", "edge.cdn.example", "04656467650363646e076578616d706c6500"},
-      {5, "edge.cdn.example", "edge.cdn.example", "04656467650363646e076578616d706c6500"},
-      {15, "10 MX.example.", "10 mx.example", "000a026d78076578616d706c6500"},
-      {16, "\"a\\009b\" \"c d\"", "\"a\\009b\" \"c d\"", "0361096203632064"},
-      {47, "a.example. A NS", "a.example A NS", "0161076578616d706c6500000160"},
-      {1, "192.0.2", nullptr, nullptr},
-      {1, "192.0.2.1 extra", nullptr, nullptr},
-      {999, "abc", nullptr, nullptr},
-      {16, "\"line\nbreak\"", nullptr, nullptr},
+  const std::tuple<uint16_t, const char*, const char*> cases[] = {  // type, text, canonical text and wire form
+      {1, "192.0.2.1", "192.0.2.1 c0000201"},
+      {1, "\\# 4 c0000201", "192.0.2.1 c0000201"},  // generic form, same data
+      {1, "  192.0.2.1 ", "192.0.2.1 c0000201"},
+      {28, "2001:DB8::1", "2001:db8::1 20010db8000000000000000000000001"},
+      {5, "Edge.CDN.example.", "edge.cdn.example 04656467650363646e076578616d706c6500"},
+      {5, "edge.cdn.example", "edge.cdn.example 04656467650363646e076578616d706c6500"},
+      {15, "10 MX.example.", "10 mx.example 000a026d78076578616d706c6500"},
+      {16, "\"a\\009b\" \"c d\"", "\"a\\009b\" \"c d\" 0361096203632064"},
+      {47, "a.example. A NS", "a.example A NS 0161076578616d706c6500000160"},
+      {1, "192.0.2", "!"},
+      {1, "192.0.2.1 extra", "!"},
+      {999, "abc", "!"},
+      {16, "\"line\nbreak\"", "!"},
   };
   dns_parser dns;
-  for (const auto& c : cases) {
+  for (const auto& [type, in, want] : cases) {
     std::vector<uint8_t> wire;
-    std::string err;
-    const bool ok = dns.parse_rdata(c.type, c.in, wire, err);
-    if (!c.text) {
-      EXPECT_FALSE(ok) << c.in;
-      continue;
-    }
-    ASSERT_TRUE(ok) << c.in << ": " << err;
-    EXPECT_EQ(dns.rdata_text(), c.text) << c.in;
-    EXPECT_EQ(hex(wire), c.wire) << c.in;
+    std::string err, hex;
+    const bool ok = dns.parse_rdata(type, in, wire, err);
+    for (uint8_t b : wire) hex += {"0123456789abcdef"[b >> 4], "0123456789abcdef"[b & 15]};
+    EXPECT_EQ(ok ? dns.rdata_text() + " " + hex : "!", want) << in;
   }
 }
 
@@ -216,15 +185,10 @@ TEST(IxbakeSort, SplittingTheSortOverThreadsChangesNothing) {
     rd.push_back(rdata_line(name, wire, search_entry{uint16_t(1 + rng() % 3), 1, 1, 1}));
   }
   for (bool rdata : {false, true}) {
-    auto& lines = rdata ? rd : rr;
-    std::vector<std::string_view> want(lines.begin(), lines.end());
-    std::sort(want.begin(), want.end(), [&](std::string_view a, std::string_view b) {
-      return (rdata ? compare_rdata_lines(a, b) : compare_rrname_lines(a, b)) < 0;
-    });
-    want.erase(std::unique(want.begin(), want.end(), [&](std::string_view a, std::string_view b) {
-                 return (rdata ? compare_rdata_lines(a, b) : compare_rrname_lines(a, b)) == 0;
-               }),
-               want.end());
+    const auto cmp = rdata ? compare_rdata_lines : compare_rrname_lines;
+    std::vector<std::string_view> want((rdata ? rd : rr).begin(), (rdata ? rd : rr).end());
+    std::sort(want.begin(), want.end(), [&](auto a, auto b) { return cmp(a, b) < 0; });
+    want.erase(std::unique(want.begin(), want.end(), [&](auto a, auto b) { return cmp(a, b) == 0; }), want.end());
     std::vector<std::string_view> distinct = want;
     std::shuffle(distinct.begin(), distinct.end(), rng);
     for (unsigned parts : {1u, 2u, 3u, 7u}) {

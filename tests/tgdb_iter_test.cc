@@ -68,14 +68,6 @@ TEST(tgdb_iter, encoded_lists_walk_and_seek_like_lower_bound) {
   }
 }
 
-TEST(tgdb_iter, encoding_uses_ranges_and_packed_entries) {
-  std::vector<uint64_t> run(1000);
-  for (uint64_t i = 0; i < run.size(); ++i) run[i] = 7 + i;
-  EXPECT_EQ(encode_posting_list(run), to_bytes({TGDB_REF_RANGE_START | 7, TGDB_REF_RANGE_END | 1006}));
-  std::vector<uint64_t> l{100, 101, 103, 110, 400};
-  EXPECT_EQ(encode_posting_list(l), to_bytes({100, 0x2E01020007, 400}));
-}
-
 constexpr uint64_t RS = TGDB_REF_RANGE_START, RE = TGDB_REF_RANGE_END;
 
 TEST(tgdb_iter, hand_made_entries_decode_or_report) {

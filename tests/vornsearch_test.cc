@@ -12,14 +12,10 @@
 
 namespace {
 
-std::string hex_bytes(size_t n, int seed) {
-  static const char digits[] = "0123456789abcdef";
+// `n` bytes of made-up record data in hexadecimal.
+std::string hex_bytes(size_t n, int seed, const char* digits = "0123456789abcdef") {
   std::string out;
-  for (size_t i = 0; i < n; ++i) {
-    int b = static_cast<int>((i * 7 + seed) & 0xff);
-    out += digits[b >> 4];
-    out += digits[b & 15];
-  }
+  for (size_t i = 0; i < n; ++i) out += {digits[(i * 7 + seed) >> 4 & 15], digits[(i * 7 + seed) & 15]};
   return out;
 }
 
@@ -74,131 +70,64 @@ void expect_lines(const std::string& text, const std::vector<std::string>& want,
 struct golden {
   const char* label;
   std::vector<std::string> args;
-  std::string input;
   std::string out;
-  std::vector<std::string> err;
-  int status;
+  std::vector<std::string> err = {};  // whole lines the log must hold
+  int status = 0;
+  std::string input = "";
 };
-
-std::string upper(std::string s) {
-  for (char& ch : s) ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
-  return s;
-}
 
 TEST_F(vornsearch, golden_command_lines) {
   const std::string www_text =
       "www.example.com       A/15 [2023-03-02 01:46:40 / 2023-09-12 06:11:12]\t"
       "AAAA/1 [2023-09-12 06:06:56 / 2023-09-12 06:06:56]\t"
       "NS/1 [2023-09-12 06:06:56 / 2023-09-12 06:06:56]\n";
+  const std::string sep12 = " [2023-09-12 06:06:56 / 2023-09-12 06:06:56]\n\t";
+  const std::string bank = "login7.bank.test\t4:66000000,10:1\nlogin12.bank.test\t4:66000000:1\n";
+  const std::string mail = "mail.example.com\tm:65000000:2 4:65000010,20:3\n";
   const golden cases[] = {
-      {"text, two files merged",
-       {"-l", "@a.rrname.tgdb", "-l", "@b.rrname.tgdb", "-s", "^www\\."},
-       "",
-       www_text,
-       {"search-1: Dispatching search: [^www\\.]", "search-1: Search completed after 1 results"},
-       0},
-      {"raw",
-       {"-l", "@a.rrname.tgdb", "-r", "-s", "example"},
-       "",
-       "www.example.com\t4:65000000,100:c 6:65000000:1\n"
-       "mail.example.com\tm:65000000:2 4:65000010,20:3\n"
-       "unknown.example.org\t65:65000000:1 300:65000000:2\n",
-       {"search-1: Search completed after 3 results"},
-       0},
-      {"json, count 0 counts as 1, unknown types",
-       {"-l", "@a.rrname.tgdb", "-j", "-s", "login7|unknown"},
-       "",
+      {"text, two files merged", {"-l", "@a.rrname.tgdb", "-l", "@b.rrname.tgdb", "-s", "^www\\."}, www_text,
+       {"search-1: Dispatching search: [^www\\.]", "search-1: Search completed after 1 results"}},
+      {"raw", {"-l", "@a.rrname.tgdb", "-r", "-s", "example"},
+       "www.example.com\t4:65000000,100:c 6:65000000:1\n" + mail + "unknown.example.org\t65:65000000:1 300:65000000:2\n",
+       {"search-1: Search completed after 3 results"}},
+      {"json, count 0 counts as 1, unknown types", {"-l", "@a.rrname.tgdb", "-j", "-s", "login7|unknown"},
        "{\"details\":{\"rrname\":\"unknown.example.org\",\"rrtype\":\"HTTPS\",\"count\":1,"
        "\"time_first\":1694498816,\"time_last\":1694498816}}\n"
        "{\"details\":{\"rrname\":\"unknown.example.org\",\"rrtype\":\"TYPE300\",\"count\":2,"
        "\"time_first\":1694498816,\"time_last\":1694498816}}\n"
        "{\"details\":{\"rrname\":\"login7.bank.test\",\"rrtype\":\"A\",\"count\":1,"
-       "\"time_first\":1711276032,\"time_last\":1711276048}}\n",
-       {},
-       0},
-      {"glob",
-       {"-l", "@a.rrname.tgdb", "-g", "-r", "-s", "*.bank.test"},
-       "",
-       "login7.bank.test\t4:66000000,10:1\nlogin12.bank.test\t4:66000000:1\n",
-       {},
-       0},
-      {"limit",
-       {"-l", "@a.rrname.tgdb", "-r", "-L", "1", "-s", "example"},
-       "",
-       "www.example.com\t4:65000000,100:c 6:65000000:1\n",
-       {"search-1: Search completed after 1 results"},
-       0},
-      {"after: last seen at or after",
-       {"-l", "@a.rrname.tgdb", "-r", "-A", "2024-01-01", "-s", "bank"},
-       "",
-       "login7.bank.test\t4:66000000,10:1\nlogin12.bank.test\t4:66000000:1\n",
-       {},
-       0},
+       "\"time_first\":1711276032,\"time_last\":1711276048}}\n"},
+      {"glob", {"-l", "@a.rrname.tgdb", "-g", "-r", "-s", "*.bank.test"}, bank},
+      {"limit", {"-l", "@a.rrname.tgdb", "-r", "-L", "1", "-s", "example"},
+       "www.example.com\t4:65000000,100:c 6:65000000:1\n", {"search-1: Search completed after 1 results"}},
+      {"after: last seen at or after", {"-l", "@a.rrname.tgdb", "-r", "-A", "2024-01-01", "-s", "bank"}, bank},
       {"before: first seen at or before",
        {"-l", "@a.rrname.tgdb", "-l", "@b.rrname.tgdb", "-r", "-B", "2023-06-01", "-s", "com$"},
-       "",
-       "www.example.com\t4:64000000,1000100:f\npaypa1-login.com\tn:64000000,1000:5\n",
-       {},
-       0},
+       "www.example.com\t4:64000000,1000100:f\npaypa1-login.com\tn:64000000,1000:5\n"},
       {"complete: the whole interval inside",
-       {"-l", "@a.rrname.tgdb", "-l", "@b.rrname.tgdb", "-r", "-c", "-A", "2023-06-01", "-B", "2023-12-31",
-        "-s", "com$"},
-       "",
-       "www.example.com\t6:65000000:1 n:65000000:1\nmail.example.com\tm:65000000:2 4:65000010,20:3\n",
-       {},
-       0},
-      {"standard input: numbering, a failing expression ends the loop",
-       {"-l", "@a.rrname.tgdb", "-r"},
-       "paypa1\n\r\n\nmail\n(\nwww\n",
-       "paypa1-login.com\tn:64000000,1000:5\nmail.example.com\tm:65000000:2 4:65000010,20:3\n",
+       {"-l", "@a.rrname.tgdb", "-l", "@b.rrname.tgdb", "-r", "-c", "-A", "2023-06-01", "-B", "2023-12-31", "-s",
+        "com$"},
+       "www.example.com\t6:65000000:1 n:65000000:1\n" + mail},
+      {"standard input: numbering, a failing expression ends the loop", {"-l", "@a.rrname.tgdb", "-r"},
+       "paypa1-login.com\tn:64000000,1000:5\n" + mail,
        {"search-1: Search completed after 1 results", "search-2: Search completed after 1 results",
         "search-3: Error in regex pattern: Premature end of regexp"},
-       1},
-      {"standard input to the end",
-       {"-l", "@a.rrname.tgdb", "-r"},
-       "zzz\n",
-       "",
-       {"search-1: Search completed after 0 results", "EOF"},
-       0},
-      {"fileset",
-       {"-f", "@rrname.set", "-s", "^www\\."},
-       "",
-       www_text,
-       {},
-       0},
+       1, "paypa1\n\r\n\nmail\n(\nwww\n"},
+      {"standard input to the end", {"-l", "@a.rrname.tgdb", "-r"}, "",
+       {"search-1: Search completed after 0 results", "EOF"}, 0, "zzz\n"},
+      {"fileset", {"-f", "@rrname.set", "-s", "^www\\."}, www_text},
       {"rdata text: ordered by wire form; short, 32 and 33 bytes, soa as wildcard",
        {"-l", "@c.rdata.tgdb", "-s", "^(192|txt-exact|txt-long|soa)"},
-       "",
-       "192.0.2.1       A/2 [2023-09-12 06:06:56 / 2023-09-12 06:06:56]\n\t" + hex_bytes(4, 0) +
-           "\n"
-           "txt-exact32       TXT/1 [2023-09-12 06:06:56 / 2023-09-12 06:06:56]\n\t" + hex_bytes(32, 1) +
-           "\n"
-           "txt-long33       TXT/1 [2023-09-12 06:06:56 / 2023-09-12 06:06:56]\n\t[partial/33 bytes] " +
-           hex_bytes(32, 2) +
-           "...\n"
-           "soa.example.com       SOA/1 [2023-09-12 06:06:56 / 2023-09-12 06:06:56]\n\t[wildcard] " +
-           hex_bytes(8, 5) + "\n",
-       {},
-       0},
-      {"rdata raw",
-       {"-l", "@c.rdata.tgdb", "-r", "-s", "^192"},
-       "",
-       "192.0.2.1\t4/" + hex_bytes(4, 0) + " 4:65000000:2\n",
-       {},
-       0},
-      {"json rdata: 511 bytes written, 512 refused",
-       {"-l", "@c.rdata.tgdb", "-j", "-s", "txt-big"},
-       "",
+       "192.0.2.1       A/2" + sep12 + hex_bytes(4, 0) + "\ntxt-exact32       TXT/1" + sep12 + hex_bytes(32, 1) +
+           "\ntxt-long33       TXT/1" + sep12 + "[partial/33 bytes] " + hex_bytes(32, 2) +
+           "...\nsoa.example.com       SOA/1" + sep12 + "[wildcard] " + hex_bytes(8, 5) + "\n"},
+      {"rdata raw", {"-l", "@c.rdata.tgdb", "-r", "-s", "^192"}, "192.0.2.1\t4/" + hex_bytes(4, 0) + " 4:65000000:2\n"},
+      {"json rdata: 511 bytes written, 512 refused", {"-l", "@c.rdata.tgdb", "-j", "-s", "txt-big"},
        "{\"details\":{\"rdata\":\"txt-big511\",\"rrtype\":\"TXT\",\"count\":1,\"time_first\":1694498816,"
-       "\"time_last\":1694498816,\"raw_rdata\":\"" + upper(hex_bytes(511, 3)) + "\"}}\n",
-       {"Error: too much rdata to return as raw_rdata"},
-       0},
-      {"json: invalid UTF-8 ends the object",
-       {"-l", "@a.rrname.tgdb", "-j", "-s", "^bad"},
-       "",
-       "{\"details\":{\"rrname\"\n",
-       {"search-1: Error: function yajl_gen_string() returned 7 {unknown}"},
-       0},
+       "\"time_last\":1694498816,\"raw_rdata\":\"" + hex_bytes(511, 3, "0123456789ABCDEF") + "\"}}\n",
+       {"Error: too much rdata to return as raw_rdata"}},
+      {"json: invalid UTF-8 ends the object", {"-l", "@a.rrname.tgdb", "-j", "-s", "^bad"},
+       "{\"details\":{\"rrname\"\n", {"search-1: Error: function yajl_gen_string() returned 7 {unknown}"}},
   };
   for (const auto& c : cases) {
     run_result r = run(c.args, c.input);
