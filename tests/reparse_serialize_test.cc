@@ -68,8 +68,7 @@ TEST(reparse_serialize, dump_layout) {
   EXPECT_EQ(re_elem_dump_text(tree.get(), ""),
             "+group [1] | 2..5    \n++++ literal [0] | 1    \"ab\"\n");
   EXPECT_EQ(re_elem_dump_text(regex_parse(".{3}", nullptr).get(), ""), "+class [0] | 3    *\n");
-  EXPECT_EQ(re_elem_dump_text(regex_parse("[~-\x7f]", nullptr).get(), ""),
-            "+class [0] | 1    \\x7e-\\x7f\n");
+  EXPECT_EQ(re_elem_dump_text(regex_parse("[~-\x7f]", nullptr).get(), ""), "+class [0] | 1    \\x7e-\\x7f\n");
   EXPECT_EQ(re_elem_dump_text(nullptr, "", 0), "+[NULL]\n");
 }
 

@@ -2,7 +2,6 @@
 // command lines, and the exact output, log lines and exit status of each.
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -153,23 +152,13 @@ TEST_F(vornsearch, start_up_levels) {
   }
 }
 
-TEST_F(vornsearch, timing_report_has_nine_lines) {
-  run_result r = run({"-l", "@a.rrname.tgdb", "-v", "-s", "example"});
-  const char* labels[] = {"            Regex: ", "    First Trigram: ", "    First Pattern: ",
-                          "Total Search Time: ", " Total Bytes Read: ", "  Trigram Matches: ",
-                          "  Pattern Matches: ", "          Results: ", "    Total Elapsed: "};
-  std::istringstream in(r.err);
-  std::string line;
-  size_t next = 0;
-  while (std::getline(in, line))
-    if (next < std::size(labels) && line.rfind(std::string("search-1: ") + labels[next], 0) == 0) ++next;
-  EXPECT_EQ(next, std::size(labels)) << r.err;
-  EXPECT_NE(r.err.find("search-1:   Pattern Matches: 3 ("), std::string::npos) << r.err;
+// The report (its layout is the log's) counts what the search did.
+TEST_F(vornsearch, timing_report_counts_the_search) {
+  const std::string err = run({"-l", "@a.rrname.tgdb", "-v", "-s", "example"}).err;
+  for (const char* line : {"search-1:   Trigram Matches: 3 (", "search-1:   Pattern Matches: 3 (",
+                           "search-1:           Results: 3 ("})
+    EXPECT_NE(err.find(line), std::string::npos) << err;
 }
-
-}  // namespace
-
-namespace {
 
 TEST(vornsearch_timeout, stalls_time_out_but_steady_results_do_not) {
   temp_dir dir;

@@ -1,18 +1,14 @@
 // Writes small index files for tests with the writer core.
 #pragma once
 
-#include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
 struct index_options {
   bool rdata = false;
-  // Whether the file carries a time range. Computed from the lines' entries
-  // (entries with time 0 carry none) unless given below.
+  // Whether the file carries a time range: that of the lines' entries
+  // (entries with time 0 carry none).
   bool time_range = true;
-  std::optional<uint32_t> first_seen = std::nullopt;
-  std::optional<uint32_t> last_seen = std::nullopt;
 };
 
 // Writes `lines` (record lines without newlines, in any order) as the index
