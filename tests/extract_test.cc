@@ -1,6 +1,5 @@
 // Selectivity of the trigram query: which trigrams a line must hold, checked
-// by evaluating the query, plus the tree preparation and the junction
-// primitives.
+// by evaluating the query, plus the tree preparation.
 #include "trigram/extract.h"
 
 #include <gtest/gtest.h>
@@ -114,23 +113,6 @@ TEST(extract, tree_preparation) {
   }
   // The bytes a class's written form matches: a run reaching byte 255 is cut to its first byte.
   EXPECT_EQ(class_written_bits({0, 0, 0, ~uint64_t{0}}), (re_class_bits{0, 0, 0, 1}));
-}
-
-// Primitives kept for callers outside the search path.
-TEST(extract, junction_primitives) {
-  const auto text = [](const trigram_query_ptr& q) { return trigram_query_to_text(q.get()); };
-  const auto window = [&](const char* w) { return text(literal_trigrams(w, false, false)); };
-  size_t counter = 0;
-  EXPECT_EQ(text(literal_pair_junction(*regex_parse("c$", nullptr), "ab", counter, true)), window("abc^"));
-  EXPECT_EQ(text(literal_pair_junction(*regex_parse("cd", nullptr), "ab", counter, false)), window("cdab"));
-  EXPECT_EQ(counter, 3u);  // one neighbour character, then two
-  re_elem_ptr ab = regex_parse("ab", nullptr);
-  EXPECT_EQ(text(class_pair_junction(*ab, *regex_parse("[xy]{2}", nullptr), false)),
-            "{O=0/4:" + window("abxx") + "," + window("abxy") + "," + window("abyx") + "," + window("abyy") + "}");
-  // Of the members outside the alphabet only the lowest takes part, as '@'.
-  EXPECT_EQ(class_pair_junction(*ab, *regex_parse("[*/a]{2}", nullptr), false)->members.size(), 4u);
-  EXPECT_EQ(class_pair_junction(*ab, *regex_parse("[a-v]{2}", nullptr), false)->members.size(), 484u);
-  EXPECT_EQ(class_pair_junction(*ab, *regex_parse("[a-w]{2}", nullptr), false), nullptr);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/log_capture.h"
-#include "trigram/trigram.h"
 
 namespace {
 
@@ -75,20 +74,6 @@ TEST(permute, class_pairs_runs_and_extensions) {
   EXPECT_EQ(alternatives(extend_literal_group(*parse("(ab|c)"), *parse("[xY]"), PERMUTE_PREPEND, false)),
             "yab,xab,yc,xc");
   EXPECT_EQ(extend_literal_group(*parse("(ab|c.)"), *nine, PERMUTE_APPEND, true), nullptr);
-}
-
-TEST(permute, class_junction_trigrams) {
-  re_elem_ptr xy = parse("[xY]"), anchored = parse("[xY]$");
-  const auto as_union = [](const char* a, const char* b) {
-    return "{O=0/2:{O=1/1:" + std::to_string(trigram_id(a[0], a[1], a[2])) + "},{O=1/1:" +
-           std::to_string(trigram_id(b[0], b[1], b[2])) + "}}";
-  };
-  EXPECT_EQ(trigram_query_to_text(class_junction_trigrams("ab", *xy, false).get()), as_union("yab", "xab"));
-  EXPECT_EQ(trigram_query_to_text(class_junction_trigrams("a", *anchored, true).get()), as_union("ay^", "ax^"));
-  trigram_query_ptr none;
-  EXPECT_EQ(logged(LOG_DEBUG, [&] { none = class_junction_trigrams("a", *xy, true); }),
-            "Error: class-permuted string \"a\" would be too short.\n");
-  EXPECT_EQ(none, nullptr);
 }
 
 }  // namespace

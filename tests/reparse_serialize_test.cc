@@ -14,12 +14,6 @@ re_elem_ptr class_of(unsigned from, unsigned to) {
   return e;
 }
 
-re_elem_ptr literal(const std::string& text) {
-  re_elem_ptr e = re_elem_init(re_elem_literal);
-  e->text = text;
-  return e;
-}
-
 TEST(reparse_serialize, classes_and_kept_quirks) {
   re_elem_ptr not_bc = class_of(0, 255);
   not_bc->bits[1] &= ~(uint64_t{3} << ('b' - 64));
@@ -41,17 +35,6 @@ TEST(reparse_serialize, classes_and_kept_quirks) {
       {std::move(never), ".{0,0}"},
   };
   for (const auto& [e, out] : cases) EXPECT_EQ(re_elem_serialize(*e), out);
-}
-
-TEST(reparse_serialize, groups_and_literals) {
-  re_elem group(re_elem_group);
-  EXPECT_EQ(re_elem_serialize(group), "()");
-  group.children.push_back(literal("a"));
-  group.children.push_back(literal("|"));
-  EXPECT_EQ(re_elem_serialize(group), "(a|\\|)");  // only the separator is dropped
-  group.children.push_back(re_elem_init(re_elem_sequence));
-  EXPECT_EQ(re_elem_serialize(group), "(a|\\||)");
-  EXPECT_EQ(re_elem_serialize(*literal(std::string("a\0b\x80 $", 6))), "ab\x80 \\$");
 }
 
 TEST(reparse_serialize, dump_layout) {

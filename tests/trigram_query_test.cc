@@ -27,16 +27,6 @@ template <class... M> trigram_query_ptr U(M&&... m) { return node(TQ_UNION, std:
 template <class... M> trigram_query_ptr I(M&&... m) { return node(TQ_INTERSECTION, std::forward<M>(m)...); }
 std::string text(const trigram_query_ptr& q) { return trigram_query_to_text(q.get()); }
 
-TEST(trigram_query, building_nodes) {
-  const uint8_t bits[] = {0x05, 0x00, 0x80};
-  EXPECT_EQ(text(trigram_query_from_bitmap(bits, 24)), "{O=1/3:0,2,23}");
-  EXPECT_EQ(text(trigram_query_from_bitmap(bits, 1000)), "{O=1/3:0,2,23}");  // stops at the buffer's end
-  EXPECT_EQ(text(trigram_query_union_from_bitmap(bits, 24)), "{O=0/3:{O=1/1:0},{O=1/1:2},{O=1/1:23}}");
-  auto a = S({1, 3, 5}), b = S({2, 3, 6});
-  EXPECT_EQ(text(trigram_query_merge(a.get(), b.get())), "{O=1/5:1,2,3,5,6}");
-  EXPECT_EQ(trigram_query_merge(a.get(), U(S({1})).get()), nullptr);
-}
-
 TEST(trigram_query, print) {
   auto tree = U(S({3403, 0}), nullptr, I(S({68920, 68921})));
   EXPECT_EQ(logged(LOG_FAILURE, [&] { trigram_query_print(tree.get(), 0, TRIGRAM_COUNT); }),
