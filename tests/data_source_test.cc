@@ -56,11 +56,7 @@ TEST_F(data_source_files, index_list_keeps_one_kind) {
 }
 
 TEST_F(data_source_files, fileset_loads_what_it_can_of_the_first_kind) {
-  struct {
-    std::string listing;
-    strings want;
-    std::string log;
-  } cases[] = {
+  const std::tuple<std::string, strings, std::string> cases[] = {  // set file, results, log
       // Relative names are taken against the set file's directory; a name
       // listed twice is loaded twice.
       {"a.idx\nr.idx\n" + dir.file("b.idx") + "\na.idx\n", {"a.test\t4:10:2", "b.test\tn:20:2"},
@@ -69,12 +65,12 @@ TEST_F(data_source_files, fileset_loads_what_it_can_of_the_first_kind) {
        "rrname file " + dir.file("a.idx") + " rejected from rdata fileset " + dir.file("set")},
       {"missing.idx\njunk.idx\n", {"null"}, "Fileset " + dir.file("set") + ": cannot read " + dir.file("missing.idx")},
   };
-  for (const auto& c : cases) {
-    dir.write("set", c.listing);
+  for (const auto& [listing, want, message] : cases) {
+    dir.write("set", listing);
     log_capture log;
     auto source = fileset_init(dir.file("set").c_str());
-    EXPECT_EQ(search(*fileset_data_source(*source)), c.want) << c.listing;
-    EXPECT_TRUE(log.contains(c.log)) << log.text();
+    EXPECT_EQ(search(*fileset_data_source(*source)), want) << listing;
+    EXPECT_TRUE(log.contains(message)) << log.text();
   }
 }
 

@@ -23,11 +23,7 @@ const char* const abc_runs = "(aaa|aab|aba|abb|baa|bab|bba|bbb)";
 
 TEST(permute, reduction) {
   const std::string split = std::string(abc_runs) + ".*" + abc_runs;
-  const struct {
-    const char* regex;
-    std::string reduced;
-    std::string log;
-  } rows[] = {
+  const std::tuple<const char*, std::string, std::string> rows[] = {  // expression, reduced, debug log
       {"[ab]{13}", "[ab]{13}", ""},  // 8192 strings: kept
       {"[ab]{14}", split, ""},       // one more: the run is cut to three, head and tail
       {"x[ab]{14}", "x" + split,
@@ -46,12 +42,12 @@ TEST(permute, reduction) {
        "Warning: reduced expression to 2704 possible permutations.\n"
        "Reconstituted reduced expression is: ^(a|b|c|d).*[a-z][a-z]$\n"},
   };
-  for (const auto& row : rows) {
+  for (const auto& [regex, reduced, want_log] : rows) {
     re_elem_ptr out;
-    const std::string log = logged(LOG_DEBUG, [&] { out = reduce_permutations(parse(row.regex)); });
-    ASSERT_NE(out, nullptr) << row.regex;
-    EXPECT_EQ(re_elem_serialize(*out), row.reduced) << row.regex;
-    EXPECT_EQ(log, row.log) << row.regex;
+    const std::string log = logged(LOG_DEBUG, [&] { out = reduce_permutations(parse(regex)); });
+    ASSERT_NE(out, nullptr) << regex;
+    EXPECT_EQ(re_elem_serialize(*out), reduced) << regex;
+    EXPECT_EQ(log, want_log) << regex;
   }
 }
 

@@ -71,10 +71,7 @@ TEST(tgdb_iter, encoded_lists_walk_and_seek_like_lower_bound) {
 constexpr uint64_t RS = TGDB_REF_RANGE_START, RE = TGDB_REF_RANGE_END;
 
 TEST(tgdb_iter, hand_made_entries_decode_or_report) {
-  struct {
-    std::vector<uint64_t> refs, want;
-    std::string message;
-  } cases[] = {
+  const std::tuple<std::vector<uint64_t>, std::vector<uint64_t>, std::string> cases[] = {  // entries, values, log
       {{5, RS | 10, RE | 12, 30}, {5, 10, 11, 12, 30}, ""},
       {{0, 0x2F44332211}, {0, 0x44, 0x77, 0x99, 0xAA}, ""},
       {{0, 0x2844332211}, {0, 0x4433}, ""},
@@ -92,10 +89,10 @@ TEST(tgdb_iter, hand_made_entries_decode_or_report) {
       {{0x2801000000}, {}, "Unknown error occurred parsing trigram index offset values: 2801000000"},
   };
   search_context ctx;
-  for (const auto& c : cases) {
+  for (const auto& [refs, want, message] : cases) {
     log_capture log;
-    EXPECT_EQ(walk(to_bytes(c.refs), ctx), c.want) << c.message;
-    EXPECT_TRUE(log.contains(c.message)) << c.message << " got: " << log.text();
+    EXPECT_EQ(walk(to_bytes(refs), ctx), want) << message;
+    EXPECT_TRUE(log.contains(message)) << message << " got: " << log.text();
   }
 }
 

@@ -78,24 +78,19 @@ TEST_F(tgdb_merger_files, rdata_keys_are_matched_once_on_their_first_line) {
 }
 
 TEST(tgdb_merger, finishing_fills_last_seen_and_count_before_filtering) {
-  struct {
-    uint16_t type_filter;
-    uint64_t count_min;
-    int64_t last_after;
-    strings want;
-  } cases[] = {
+  const std::tuple<uint16_t, uint64_t, int64_t, strings> cases[] = {  // type, count and last-seen filters, result
       {0, 1, 100, {"\tn:64:1 4:64,1:2"}}, {1, 0, 0, {"\t4:64,1:2"}}, {0, 2, 0, {"\t4:64,1:2"}},
       {0, 0, 101, {"\t4:64,1:2"}},       {0, 3, 0, {}},
   };
-  for (const auto& c : cases) {
+  for (const auto& [type_filter, count_min, last_after, want] : cases) {
     search_context ctx;
-    set_rrtype_filter(ctx, c.type_filter);
-    set_count_filter(ctx, c.count_min, 0);
-    if (c.last_after) set_time_last_after(ctx, c.last_after);
+    set_rrtype_filter(ctx, type_filter);
+    set_count_filter(ctx, count_min, 0);
+    if (last_after) set_time_last_after(ctx, last_after);
     search_result r;
     r.entries = {{2, 0, 100, 0}, {1, 2, 100, 101}};
     const bool kept = finish_result(ctx, r);
-    EXPECT_EQ(kept ? strings{rrname_line("", r.entries)} : strings{}, c.want) << c.count_min << " " << c.last_after;
+    EXPECT_EQ(kept ? strings{rrname_line("", r.entries)} : strings{}, want) << count_min << " " << last_after;
   }
 }
 

@@ -132,9 +132,7 @@ TEST(tgdb, loader_refuses_damaged_files) {
   temp_dir dir;
   std::string bad_magic = craft(0, 0, 0, 0);
   bad_magic[7] = 1;
-  const struct {
-    std::string file, message;  // no message: the file loads
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {  // file, message (none: the file loads)
       {std::string(TGDB_MIN_SIZE - 1, '\0'), "smaller than minimum header size of 1102784 bytes"},
       {std::string(TGDB_MIN_SIZE, '\0'), "missing magic header value!"},
       {bad_magic, "missing magic header value!"},
@@ -147,17 +145,17 @@ TEST(tgdb, loader_refuses_damaged_files) {
       // exactly at the end of the file is inside it.
       {with_list(craft(TGDB_FLAG_NREF, 0, 0, 0), 0), ""},
   };
-  for (const auto& c : cases) {
+  for (const auto& [file, message] : cases) {
     log_capture log;
-    const std::string path = dir.write("bad.tgdb", c.file);
+    const std::string path = dir.write("bad.tgdb", file);
     auto db = tgdb_open(path.c_str());
-    if (c.message.empty()) {
+    if (message.empty()) {
       ASSERT_TRUE(db) << log.text();
       EXPECT_EQ(db->posting(3403).count, 2u);
       continue;
     }
-    EXPECT_EQ(db, nullptr) << c.message;
-    EXPECT_TRUE(log.contains(c.message)) << log.text();
+    EXPECT_EQ(db, nullptr) << message;
+    EXPECT_TRUE(log.contains(message)) << log.text();
     EXPECT_TRUE(log.contains("Error: could not deserialize trigram index from file: " + path));
   }
   log_capture log;
