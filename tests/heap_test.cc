@@ -29,14 +29,6 @@ TEST(heap, push_pop_and_heapify_give_sorted_order) {
   }
 }
 
-TEST(heap, replace_top) {
-  heap<item> h(by_key);
-  EXPECT_EQ(h.replace_top(mk(1)), nullptr);  // empty: nothing changes
-  for (int k : {3, 1, 2}) h.push(mk(k));
-  EXPECT_EQ(h.replace_top(mk(5))->first, 1);
-  EXPECT_EQ((*h.peek())->first, 2);
-}
-
 TEST(heap, siftup_moves_right_child_up_on_a_tie) {
   heap<item> h(by_key);
   for (auto [k, tag] : {std::pair{9, 0}, {4, 1}, {4, 2}}) h.append(mk(k, tag));

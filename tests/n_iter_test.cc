@@ -16,9 +16,8 @@ n_iter_ptr vec_iter(std::vector<uint64_t> v) {
   auto data = std::make_shared<std::vector<uint64_t>>(std::move(v));
   auto pos = std::make_shared<size_t>(0);
   auto at = [data, pos](uint64_t& out) { return *pos < data->size() && (out = (*data)[*pos], true); };
-  return n_iter_init(
-      [data, pos](uint64_t t) { *pos = size_t(std::lower_bound(data->begin() + *pos, data->end(), t) - data->begin()); },
-      at, at, [] {});
+  auto seek = [data, pos](uint64_t t) { *pos = std::lower_bound(data->begin() + *pos, data->end(), t) - data->begin(); };
+  return n_iter_init(seek, at, at, [] {});
 }
 
 std::vector<uint64_t> drain(n_iter& it) {

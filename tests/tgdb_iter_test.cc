@@ -38,11 +38,7 @@ std::vector<uint64_t> random_list(std::mt19937_64& rng, int shape) {
   uint64_t v = rng() % 1000 + (shape == 0 && rng() % 4 == 0 ? (uint64_t{1} << 36) : 0);
   for (size_t n = rng() % 400; n--;) {
     out.push_back(v);
-    switch (shape) {
-      case 0: v += 1 + rng() % (rng() % 2 ? 300 : 100000); break;
-      case 1: v += 1 + rng() % 4; break;
-      default: v += rng() % 3 ? 1 : 2 + rng() % 70000; break;
-    }
+    v += shape == 0 ? 1 + rng() % (rng() % 2 ? 300 : 100000) : shape == 1 ? 1 + rng() % 4 : rng() % 3 ? 1 : 2 + rng() % 70000;
   }
   return out;
 }

@@ -178,10 +178,9 @@ TEST(vornsearch_timeout, stalls_time_out_but_steady_results_do_not) {
   r = run_vornsearch({"-l", dir.file("big.rrname.tgdb"), "-v", "-r", "-L", "-1", "-t", "0.1", "-s", "host"});
   EXPECT_NE(r.err.find("search-1: Search completed after 1000000 results\n"), std::string::npos) << r.err;
   EXPECT_EQ(r.status, 0);
-  const std::string elapsed = "    Total Elapsed: ";
-  size_t at = r.err.find(elapsed);
+  const size_t at = r.err.find("    Total Elapsed: ");
   ASSERT_NE(at, std::string::npos) << r.err;
-  EXPECT_GT(std::stod(r.err.substr(at + elapsed.size())), 0.1) << "the search should outlast its time-out";
+  EXPECT_GT(std::stod(r.err.substr(at + 19)), 0.1) << "the search should outlast its time-out";
 }
 
 }  // namespace
