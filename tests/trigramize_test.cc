@@ -63,17 +63,15 @@ TEST(trigramize, statuses_log_lines_and_table_scan_fallback) {
 }
 
 TEST(matcher, confirms_caselessly_and_excludes) {
-  auto ctx = std::make_unique<search_context>();
-  ASSERT_TRUE(compile_search(*ctx, "abc", false, nullptr, nullptr));
-  EXPECT_NE(ctx->query, nullptr);
-  EXPECT_TRUE(match_line(*ctx, "xxABCxx", 7));
-  EXPECT_FALSE(match_line(*ctx, "xxABCxx", 4));  // only the given length is scanned
-  ASSERT_TRUE(compile_exclude(*ctx, "*d", true, nullptr));
-  EXPECT_EQ(ctx->exclude_pattern, "^.*d$");
-  EXPECT_TRUE(match_line(*ctx, "abc.", 4));
-  EXPECT_FALSE(match_line(*ctx, "abcd", 4));
-  free_search_context(ctx);
-  EXPECT_EQ(ctx, nullptr);
+  search_context ctx;
+  ASSERT_TRUE(compile_search(ctx, "abc", false, nullptr, nullptr));
+  EXPECT_NE(ctx.query, nullptr);
+  EXPECT_TRUE(match_line(ctx, "xxABCxx", 7));
+  EXPECT_FALSE(match_line(ctx, "xxABCxx", 4));  // only the given length is scanned
+  ASSERT_TRUE(compile_exclude(ctx, "*d", true, nullptr));
+  EXPECT_EQ(ctx.exclude_pattern, "^.*d$");
+  EXPECT_TRUE(match_line(ctx, "abc.", 4));
+  EXPECT_FALSE(match_line(ctx, "abcd", 4));
 
   search_context empty;  // no main pattern: every candidate passes, exclusion is not consulted
   ASSERT_TRUE(compile_exclude(empty, "a", false, nullptr));

@@ -82,17 +82,9 @@ void exercise(const std::shared_ptr<tgdb>& db) {
   }
   // A query over the first few lists, as unions and intersections.
   if (present.size() >= 2) {
-    auto set = [](std::vector<int32_t> ids) {
-      auto q = std::make_unique<trigram_query>();
-      q->type = TQ_SET;
-      q->ids = std::move(ids);
-      return q;
-    };
-    auto root = std::make_unique<trigram_query>();
-    root->type = TQ_UNION;
-    root->members.push_back(set({present[0], present[1]}));
-    root->members.push_back(set({present.back()}));
-    ctx.query = std::move(root);
+    ctx.query = trigram_query_create(TQ_UNION, 2, TQ_SET, 1);
+    ctx.query->members[0]->ids = {present[0], present[1]};
+    ctx.query->members[1]->ids = {present.back()};
     bool failed;
     if (auto src = make_candidate_source(db, ctx, failed)) {
       std::string_view line;
