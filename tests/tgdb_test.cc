@@ -48,6 +48,8 @@ TEST(tgdb, round_trip_lines_and_postings) {
   std::mt19937_64 rng(1);
   temp_dir dir;
   search_context ctx;
+  std::shared_ptr<tgdb> prev;  // the file of the round before, still open
+  std::vector<std::string> prev_lines;
   for (size_t round = 0; round < property_count(20); ++round) {
     const bool long_lines = round % 4 == 1;
     const size_t n = round % 4 == 0 ? rng() % 64 : long_lines ? 200 : rng() % 5000;
@@ -68,6 +70,11 @@ TEST(tgdb, round_trip_lines_and_postings) {
       ASSERT_EQ(line_at(*db, i), lines[i]) << "line " << i << " of " << n;
     }
     for (size_t i = 0; i < n; ++i) ASSERT_EQ(line_at(*db, i), lines[i]);
+    for (size_t i = 0; i + 1 < std::min(n, prev_lines.size()); ++i) {  // lookups alternating between files
+      ASSERT_EQ(line_at(*db, i), lines[i]);
+      ASSERT_EQ(line_at(*prev, i + 1), prev_lines[i + 1]);
+    }
+    prev = db, prev_lines = lines;
     for (uint64_t past : {uint64_t(n), n + 1, n + 64, uint64_t(1) << 40}) EXPECT_EQ(tgdb_line(*db, past), nullptr);
 
     std::map<int32_t, std::vector<uint64_t>> want;
