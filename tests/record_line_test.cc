@@ -110,7 +110,7 @@ void expect_orders(const order& cmp, std::initializer_list<std::tuple<const char
 TEST(record_line, orders_owner_names_by_labels) {
   expect_orders(compare_rrname_lines,
                 {{"example", "sub.example", -1}, {"a.example", "b.example", -1}, {"b.a", "a.b", -1},
-                 {"a.b.example", "zz.example", -1}, {"", "a", -1}, {"a\t4:1", "a\tn:2", 0}, {"a.b", "a.b x", -1},
+                 {"a.b.example", "zz.example", -1}, {"z.x", "aa.x", -1}, {"", "a", -1}, {"a\t4:1", "a\tn:2", 0}, {"a.b", "a.b x", -1},
                  {"a.b x", "a.b y", -1}});
   expect_strict_weak(
       compare_rrname_lines,
