@@ -58,7 +58,7 @@ std::string expression_gen::sequence(int depth, bool outermost) {
       const char c = text_char();
       atom = special(c, "$()*+.?[\\^{|") ? std::string{'\\', c} : std::string{c};
     } else if (kind < 5) {
-      atom = ".";
+      atom.push_back('.');  // not `= "."`: gcc 12 warns falsely on it under the sanitizers
     } else if (kind < 8) {
       atom = bracket('^');
     } else {
