@@ -6,9 +6,14 @@
 #include "libmy/my_alloc.h"
 
 void ubuf_add_fmt(std::string& buf, const char* format, ...) {
-  if (!buf.empty() && buf.back() == '\0') buf.pop_back();
   va_list ap;
   va_start(ap, format);
+  ubuf_add_vfmt(buf, format, ap);
+  va_end(ap);
+}
+
+void ubuf_add_vfmt(std::string& buf, const char* format, va_list ap) {
+  if (!buf.empty() && buf.back() == '\0') buf.pop_back();
   va_list measure;
   va_copy(measure, ap);
   int needed = vsnprintf(nullptr, 0, format, measure);
@@ -17,7 +22,6 @@ void ubuf_add_fmt(std::string& buf, const char* format, ...) {
   size_t old = buf.size();
   buf.resize(old + needed + 1);
   int status = vsnprintf(buf.data() + old, needed + 1, format, ap);
-  va_end(ap);
   my_assert(status >= 0, "status >= 0");
   buf.resize(old + needed);
 }

@@ -2,7 +2,9 @@
 // append that the expression writer and others use.
 #pragma once
 
+#include <cstdarg>
 #include <string>
 
 // Removes one trailing zero byte, then appends the formatted text.
 void ubuf_add_fmt(std::string& buf, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void ubuf_add_vfmt(std::string& buf, const char* format, va_list ap);

@@ -6,7 +6,9 @@
 #include <utility>
 
 #include "libmy/my_alloc.h"
+#include "libmy/ubuf.h"
 #include "reparse/reparse.h"
+
 #include "reparse/reparse_internal.h"
 
 re_elem::~re_elem() {
@@ -35,17 +37,11 @@ bool re_elem::class_is_universal() const {
 
 bool reparse_fail(std::string* err, const char* format, ...) {
   if (err == nullptr) return false;
+  err->clear();
   va_list ap;
   va_start(ap, format);
-  va_list measure;
-  va_copy(measure, ap);
-  int n = vsnprintf(nullptr, 0, format, measure);
-  va_end(measure);
-  my_assert(n >= 0, "needed >= 0");
-  err->assign(static_cast<size_t>(n) + 1, '\0');
-  vsnprintf(err->data(), err->size(), format, ap);
+  ubuf_add_vfmt(*err, format, ap);
   va_end(ap);
-  err->resize(n);
   return false;
 }
 
