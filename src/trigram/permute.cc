@@ -52,6 +52,17 @@ re_elem_ptr any_string_with_anchors(const re_elem& anchors_from) {
   return any;
 }
 
+// `end`, any string, then a copy of `end`, in a sequence carrying the anchors
+// of `c`: what a long run of `c` starts and ends with, whatever lies between.
+re_elem_ptr ends_around_any_string(const re_elem& c, re_elem_ptr end) {
+  auto tail = re_elem_clone(*end);
+  std::vector<re_elem_ptr> kids;
+  kids.push_back(std::move(end));
+  kids.push_back(any_string_element());
+  kids.push_back(std::move(tail));
+  return sequence_of(c, std::move(kids));
+}
+
 // The rule for one class. Returns `c` itself when nothing changes.
 //
 // Both splitting rules surround the kept pieces with any-string elements
@@ -67,12 +78,7 @@ re_elem_ptr reduce_class(re_elem_ptr c) {
     auto head = re_elem_clone(*c);
     head->min = head->max = 1;
     head->anchor_start = head->anchor_end = false;
-    auto tail = re_elem_clone(*head);
-    std::vector<re_elem_ptr> kids;
-    kids.push_back(std::move(head));
-    kids.push_back(any_string_element());
-    kids.push_back(std::move(tail));
-    return sequence_of(*c, std::move(kids));
+    return ends_around_any_string(*c, std::move(head));
   }
   if (saturating_pow(size, c->min) <= PERMUTATION_THRESHOLD) return c;
   if (c->min > PERMUTE_RUN_CUT && saturating_pow(size, PERMUTE_RUN_CUT) <= PERMUTATION_THRESHOLD) {
@@ -80,12 +86,7 @@ re_elem_ptr reduce_class(re_elem_ptr c) {
     cut->min = cut->max = PERMUTE_RUN_CUT;
     if (re_elem_ptr expansion = permute_class_run(*cut)) {
       // Every run of at least three starts and ends with three members.
-      auto tail = re_elem_clone(*expansion);
-      std::vector<re_elem_ptr> kids;
-      kids.push_back(std::move(expansion));
-      kids.push_back(any_string_element());
-      kids.push_back(std::move(tail));
-      return sequence_of(*c, std::move(kids));
+      return ends_around_any_string(*c, std::move(expansion));
     }
   }
   return any_string_with_anchors(*c);
