@@ -33,6 +33,7 @@ TEST(cli, parse_time_spec_forms) {
 }
 
 const std::string bin = VORNSEARCH_BIN;
+const std::string logged = vornsearch_log_prefix();  // the cut name log lines start with
 const std::string usage =
     "\nUsage: " + bin +
     " <-f fileset | -l idxfile [-l idxfile2 ...]> [-s search_expr] [-g] [-j | -r] [-L #limit] [-t timeout] [-v[v]]\n"
@@ -81,12 +82,12 @@ TEST(cli, start_up_errors) {
       {{"-f", "/nonexistent/set"}, "Error: could not access fileset /nonexistent/set: No such file or directory\n"},
       // The option named is the second one, whichever it is.
       {{"-l", names, "-f", set}, "-f may not be used with -l\n" + usage},
-      {{"-f", set, "-l", names}, bin + ": Loading fileset: " + set + "\n-l may not be used with -f\n" + usage},
+      {{"-f", set, "-l", names}, logged + "Loading fileset: " + set + "\n-l may not be used with -f\n" + usage},
       {{"-l", names, "-l", rdata, "-s", "x"},
-       bin + ": rdata file " + rdata + " rejected from rrname file list\nFailed to add file " + rdata + "\n"},
+       logged + "rdata file " + rdata + " rejected from rrname file list\nFailed to add file " + rdata + "\n"},
       {{"-l", junk, "-s", "x"},
-       bin + ": Error: trigram index was smaller than minimum header size of 1102784 bytes\n" + bin +
-           ": Error: could not deserialize trigram index from file: " + junk + "\nFailed to add file " + junk + "\n"},
+       logged + "Error: trigram index was smaller than minimum header size of 1102784 bytes\n" + logged +
+           "Error: could not deserialize trigram index from file: " + junk + "\nFailed to add file " + junk + "\n"},
   };
   for (const auto& c : cases) {
     run_result r = run_vornsearch(c.args, "", c.env);

@@ -146,7 +146,7 @@ TEST_F(vornsearch, start_up_levels) {
     std::vector<std::string> args = {"-l", dir->file("a.rrname.tgdb"), "-s", "zzz"};
     args.insert(args.end(), extra.begin(), extra.end());
     const run_result r = env.empty() ? run_vornsearch(args) : run_vornsearch(args, "", {{"VORN_LOGLEVEL", env}});
-    expect_lines(r.err, {std::string(VORNSEARCH_BIN) + ": Starting, logging level '" + level + "'"}, level);
+    expect_lines(r.err, {vornsearch_log_prefix() + "Starting, logging level '" + level + "'"}, level);
     const bool report = level == "stat" || level == "debug" || level == "trace";
     EXPECT_EQ(r.err.find("search-1:     Total Elapsed: ") != std::string::npos, report) << r.err;
   }

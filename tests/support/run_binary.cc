@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "log/log.h"
 #include "tests/support/temp_dir.h"
 
 run_result run_binary(const std::string& program, const std::vector<std::string>& args,
@@ -36,3 +37,5 @@ run_result run_vornsearch(const std::vector<std::string>& args, const std::strin
                           const std::vector<std::pair<std::string, std::string>>& env) {
   return run_binary(VORNSEARCH_BIN, args, input, env);
 }
+
+std::string vornsearch_log_prefix() { return std::string(VORNSEARCH_BIN).substr(0, LOG_PREFIX_CUT) + ": "; }

@@ -16,6 +16,9 @@ run_result run_binary(const std::string& program, const std::vector<std::string>
                       const std::string& input = "",
                       const std::vector<std::pair<std::string, std::string>>& env = {});
 
+// The log prefix vornsearch writes: its invocation name, cut like every prefix.
+std::string vornsearch_log_prefix();
+
 // The built vornsearch program.
 run_result run_vornsearch(const std::vector<std::string>& args, const std::string& input = "",
                           const std::vector<std::pair<std::string, std::string>>& env = {});
