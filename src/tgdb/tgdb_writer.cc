@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "libmy/my_alloc.h"
+#include "libmy/my_unfinished_file.h"
 #include "libmy/ubuf.h"
 #include "tgdb/tgdb.h"
 #include "trigram/trigram.h"
@@ -132,6 +133,7 @@ std::vector<uint8_t> encode_posting_list(std::span<const uint64_t> lines) {
 
 struct tgdb_writer::impl {
   std::string path, tmp_path;
+  std::unique_ptr<unfinished_file> interrupt_guard;
   tgdb_write_options opts;
   int fd = -1;
   bool finished = false;
@@ -220,6 +222,7 @@ bool tgdb_writer::open(const std::string& path, const tgdb_write_options& opts, 
   }
   impl_->fd = fd;
   impl_->tmp_path = tmp;
+  impl_->interrupt_guard = std::make_unique<unfinished_file>(tmp);
   mode_t mask = umask(0);
   umask(mask);
   if (fchmod(fd, 0666 & ~mask) != 0) {

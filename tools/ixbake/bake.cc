@@ -24,6 +24,7 @@
 #include "log/log.h"
 #include "tgdb/record_line.h"
 #include "tgdb/tgdb_writer.h"
+#include "libmy/my_unfinished_file.h"
 #include "zone_reader.h"
 
 namespace {
@@ -462,6 +463,8 @@ int bake(const bake_options& opts, bake_stats* stats) {
 
   rep.phase("sorting and writing");
   const time_range rr_times = all.rrname_times(), rd_times = all.rdata_times();
+  std::vector<std::unique_ptr<unfinished_file>> unfinished;
+  for (auto& o : outputs) unfinished.push_back(std::make_unique<unfinished_file>(o.tmp));
   std::vector<std::thread> writers;
   for (auto& o : outputs) {
     // Each file is made on its own thread; the two tables are independent.

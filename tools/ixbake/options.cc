@@ -7,6 +7,7 @@
 #include "cli.h"
 #include "dns_text.h"
 #include "ixbake.h"
+#include "libmy/my_unfinished_file.h"
 #include "log/log.h"
 
 void bake_usage(FILE* out) {
@@ -133,6 +134,7 @@ int parse_bake_args(int argc, char** argv, bake_options& out) {
 
 int ixbake_main(int argc, char** argv) {
   log_set_prefix("ixbake");
+  remove_unfinished_files_on_signal("ixbake: interrupted; unfinished files removed\n");
   // VORN_LOGLEVEL=stat shows how long each phase took.
   if (const char* level = getenv("VORN_LOGLEVEL")) {
     if (log_level_parse(level) >= 0) log_set_level(log_level_parse(level));

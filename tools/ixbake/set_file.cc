@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "ixbake.h"
+#include "libmy/my_unfinished_file.h"
 
 namespace {
 
@@ -105,6 +106,7 @@ bool add_to_set_file(const std::string& setfile, const std::vector<std::string>&
     err = "cannot create a file beside " + setfile + ": " + strerror(errno);
     return false;
   }
+  const unfinished_file guard(tmp);
   mode_t mode = st.st_mode & 07777;
   if (!exists) {
     const mode_t mask = umask(0);
