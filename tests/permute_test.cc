@@ -67,6 +67,9 @@ TEST(permute, class_pairs_runs_and_extensions) {
             "Warning: 72 possible permutations exceeded threshold of 64\n");
   EXPECT_EQ(refused, nullptr);
   EXPECT_EQ(extend_literal_group(*eight, *nine, PERMUTE_APPEND, true)->children.size(), 72u);
+  const re_elem_ptr at_limit = extend_literal_group(*eight, *parse("[1-8]"), PERMUTE_APPEND, false);
+  ASSERT_NE(at_limit, nullptr);
+  EXPECT_EQ(at_limit->children.size(), 64u);
   EXPECT_EQ(alternatives(extend_literal_group(*parse("(ab|c)"), *parse("[xY]"), PERMUTE_PREPEND, false)),
             "yab,xab,yc,xc");
   EXPECT_EQ(extend_literal_group(*parse("(ab|c.)"), *nine, PERMUTE_APPEND, true), nullptr);
