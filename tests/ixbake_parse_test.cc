@@ -143,6 +143,18 @@ TEST(IxbakeZone, RecordsAndErrorsInOrder) {
             want);
   EXPECT_EQ(read_zone(dir, "  IN A 192.0.2.9\n"),
             std::vector<std::string>{"!1: the record has no owner name and none came before it"});
+  // Class and time to live come in either order; a type the DNS library
+  // would read as another (or as none) is refused.
+  EXPECT_EQ(read_zone(dir,
+                      "a.example. IN 300 A 192.0.2.1\n"
+                      "b.example. 300 IN A 192.0.2.2\n"
+                      "c.example. IN FOO\n"
+                      "d.example. TYPE65537 \\# 4 c0000201\n"
+                      "e.example. CH TYPE65534 \\# 1 01\n"
+                      "f.example. IN 60\n"),
+            (std::vector<std::string>{"a.example A 192.0.2.1", "b.example A 192.0.2.2",
+                                      "!3: unknown record type \"FOO\"", "!4: unknown record type \"TYPE65537\"",
+                                      "e.example TYPE65534 \\# 1 01", "!6: the record has no type"}));
 }
 
 TEST(IxbakeSetFile, CreatesAppendsAndSkipsListedFiles) {

@@ -236,14 +236,25 @@ TEST(Ixbake, GzipStandardInputAndRecordLinesGiveTheSameFiles) {
   temp_dir dir;
   const std::string sample = VORN_SOURCE_DIR "/data/sample-pdns.jsonl", text = read_file(sample);
   ASSERT_EQ(ixbake({"-o", dir.file("plain"), sample}).status, 0);
-  gzFile gz = gzopen(dir.file("s.gz").c_str(), "wb");
-  gzwrite(gz, text.data(), unsigned(text.size()));
-  gzclose(gz);
-  // A cut-off compressed stream is an error, not a short input.
-  const std::string gz_bytes = read_file(dir.file("s.gz"));
-  const auto cut = ixbake({"-o", dir.file("cut"), dir.write("cut.gz", gz_bytes.substr(0, gz_bytes.size() / 2))});
-  EXPECT_EQ(cut.status, 1);
-  EXPECT_EQ(cut.err, "ixbake: cannot read " + dir.file("cut.gz") + ": unexpected end of file\nixbake: nothing written\n");
+  const auto gzip = [&](const std::string& name, std::string_view data) {
+    gzFile gz = gzopen(dir.file(name).c_str(), "wb");
+    gzwrite(gz, data.data(), unsigned(data.size()));
+    gzclose(gz);
+    return read_file(dir.file(name));
+  };
+  const std::string gz_bytes = gzip("s.gz", text);
+  const size_t half = text.find('\n', text.size() / 2) + 1;
+  dir.write("members.gz", gzip("a.gz", std::string_view(text).substr(0, half)) + gzip("b.gz", text.substr(half)));
+  // A cut-off compressed stream, or plain data after it, is an error, not a short input.
+  const std::pair<std::string, std::string> broken[] = {
+      {gz_bytes.substr(0, gz_bytes.size() / 2), "unexpected end of file"},
+      {gz_bytes + text.substr(0, 200), "data follows the end of the compressed stream"},
+  };
+  for (const auto& [bytes, message] : broken) {
+    const auto r = ixbake({"-o", dir.file("broken"), dir.write("broken.gz", bytes)});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "ixbake: cannot read " + dir.file("broken.gz") + ": " + message + "\nixbake: nothing written\n");
+  }
 
   // The files' own lines, fed back as record lines (reversed, one line split
   // in two), bake to the same files.
@@ -259,10 +270,12 @@ TEST(Ixbake, GzipStandardInputAndRecordLinesGiveTheSameFiles) {
   ASSERT_EQ(ixbake({"-o", dir.file("gz"), dir.file("s.gz")}).status, 0);
   ASSERT_EQ(ixbake({"-o", dir.file("stdin")}, text).status, 0);
   ASSERT_EQ(ixbake({"-o", dir.file("dash"), "-"}, text).status, 0);
+  ASSERT_EQ(ixbake({"-o", dir.file("members"), dir.file("members.gz")}).status, 0);
+  ASSERT_EQ(ixbake({"-o", dir.file("marked"), "-"}, "\xef\xbb\xbf" + text).status, 0);  // byte-order mark
   ASSERT_EQ(ixbake({"--kind", "rrname", "-o", dir.file("lines"), dir.write("rr.txt", join_lines(rr))}).status, 0);
   ASSERT_EQ(ixbake({"--kind", "rdata", "--format", "lines", "-o", dir.file("lines"), dir.write("rd.txt", rd)}).status, 0);
   for (const std::string kind : {".rrname.tgdb", ".rdata.tgdb"})
-    for (const std::string other : {"gz", "stdin", "dash", "lines"})
+    for (const std::string other : {"gz", "stdin", "dash", "members", "marked", "lines"})
       EXPECT_EQ(read_file(dir.file(other + kind)), read_file(dir.file("plain" + kind))) << other << kind;
 }
 

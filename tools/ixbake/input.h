@@ -1,6 +1,9 @@
 // Reading inputs: a file or standard input, plain or gzip-compressed
-// (recognised by content), as lines or as chunks of whole lines.
+// (recognised by content), as lines or as chunks of whole lines. A UTF-8
+// byte-order mark at the start is dropped.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstdint>
 #include <ctime>
@@ -58,13 +61,18 @@ class input_reader {
   uint64_t bytes_read() const { return bytes_; }
 
  private:
-  input_reader() = default;
+  struct inflater;
+  input_reader();
   // Reads more into the buffer; false at the end or on error.
   bool fill();
+  bool fill_compressed();
+  // Raw bytes of the file: the count, 0 at its end, -1 on error (recorded).
+  ssize_t read_raw(void* dst, size_t n);
 
   std::string name_;
   time_t mtime_ = 0;
-  void* gz_ = nullptr;  // gzFile
+  int fd_ = -1;
+  std::unique_ptr<inflater> z_;  // null for plain input
   bool eof_ = false;
   std::string error_;
   std::vector<char> buf_;

@@ -1,5 +1,8 @@
 #include "zone_reader.h"
 
+#include "dns_text.h"
+#include "input.h"
+
 // stdbool.h first: without it the DNS library's header defines bool, true
 // and false as macros.
 #include <stdbool.h>
@@ -20,6 +23,43 @@ std::string word_at(const std::string& s, size_t& pos) {
   const size_t start = pos;
   while (pos < s.size() && !blank(s[pos])) ++pos;
   return s.substr(start, pos - start);
+}
+
+bool class_word(const std::string& w) { return ldns_get_rr_class_by_name(w.c_str()) != 0; }
+
+// Checks the words before the record data (owner, time to live and class in
+// either order, type) and writes them in the one order the DNS library
+// reads. The library itself would take an unknown or out-of-range type as
+// type 0 or as another type.
+bool normalize_record_head(std::string& text, std::string& err) {
+  size_t pos = 0;
+  const std::string owner = blank(text[0]) ? std::string() : word_at(text, pos);
+  std::string ttl, klass, type;
+  for (;;) {
+    const std::string w = word_at(text, pos);
+    if (w.empty()) break;
+    if (ttl.empty() && isdigit(static_cast<unsigned char>(w[0]))) {
+      ttl = w;
+    } else if (klass.empty() && class_word(w)) {
+      klass = w;
+    } else {
+      type = w;
+      break;
+    }
+  }
+  if (type.empty()) {
+    err = "the record has no type";
+    return false;
+  }
+  if (parse_rrtype_name(type) == 0 || isdigit(static_cast<unsigned char>(type[0]))) {
+    err = "unknown record type " + quoted(type);
+    return false;
+  }
+  std::string head = owner.empty() ? " " : owner;
+  for (const std::string* w : {&ttl, &klass, &type})
+    if (!w->empty()) head += " " + *w;
+  text = head + text.substr(pos);
+  return true;
 }
 
 }  // namespace
@@ -72,7 +112,7 @@ bool zone_reader::read_entry(std::string& text, uint64_t& start, std::string& er
   text.clear();
   bad = false;
   int depth = 0;
-  bool have = false;
+  bool have = false, overlong = false;
   std::string_view line;
   while (in_.next_line(line)) {
     bool quoted = false;
@@ -118,8 +158,21 @@ bool zone_reader::read_entry(std::string& text, uint64_t& start, std::string& er
       start = in_.line_number();
     }
     text += ' ';
-    if (depth == 0) return true;
+    if (text.size() > MAX_LINE) {
+      // A parenthesis left open must not pull the rest of the file into
+      // memory: skip to where it closes, holding one line at a time.
+      overlong = true;
+      text.clear();
+    }
+    if (depth == 0) {
+      if (overlong) {
+        err = "record longer than " + std::to_string(MAX_LINE >> 20) + " MiB";
+        bad = true;
+      }
+      return true;
+    }
   }
+  if (overlong) text.clear();
   if (have) {
     err = "parenthesis not closed before the end of the input";
     bad = true;
@@ -181,6 +234,7 @@ zone_reader::result zone_reader::next(ldns_rr*& rr, uint64_t& line, std::string&
       err = "the record has no owner name and none came before it";
       return BAD;
     }
+    if (!normalize_record_head(text, err)) return BAD;
     const ldns_status s = ldns_rr_new_frm_str(&rr, text.c_str(), impl_->ttl, impl_->origin, &impl_->prev);
     if (s != LDNS_STATUS_OK) {
       rr = nullptr;
