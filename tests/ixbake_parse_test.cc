@@ -2,6 +2,8 @@
 // zone files record by record, and set-file updates.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <algorithm>
 #include <random>
 #include <stdbool.h>
@@ -173,6 +175,11 @@ TEST(IxbakeSetFile, CreatesAppendsAndSkipsListedFiles) {
   ASSERT_TRUE(add_to_set_file(set, {a, b}, err)) << err;
   EXPECT_EQ(read_file(set), "./a.tgdb\nstale.tgdb\nb.tgdb\n");
   EXPECT_FALSE(add_to_set_file(dir.file("missing/x.set"), {a}, err));
+  // A set file that is a link: its target is updated and the link stays.
+  std::filesystem::create_symlink(set, dir.file("link.set"));
+  ASSERT_TRUE(add_to_set_file(dir.file("link.set"), {c, dir.write("d.tgdb", "x")}, err)) << err;
+  EXPECT_TRUE(std::filesystem::is_symlink(dir.file("link.set")));
+  EXPECT_EQ(read_file(set), "./a.tgdb\nstale.tgdb\nb.tgdb\n" + c + "\nd.tgdb\n");
 }
 
 TEST(IxbakeSort, SplittingTheSortOverThreadsChangesNothing) {

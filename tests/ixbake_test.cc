@@ -295,6 +295,36 @@ TEST(Ixbake, FilesetListsEachKindInItsOwnSetFile) {
   EXPECT_FALSE(std::filesystem::exists(dir.file("three.rrname.tgdb")));
 }
 
+// Whatever would make the end fail is found before any reading, and
+// nothing is replaced or written.
+TEST(Ixbake, DestinationsAreCheckedFirst) {
+  temp_dir dir;
+  const std::string in = dir.write("in.jsonl", R"({"rrname":"a.example","rrtype":"A","rdata":"192.0.2.1","time_first":1,"time_last":2,"count":1})"
+                                               "\n");
+  std::filesystem::create_directories(dir.file("taken.rdata.tgdb"));
+  std::filesystem::create_directories(dir.file("sets/n.set.rdata"));
+  const std::string old_names = dir.write("taken.rrname.tgdb", "old");
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"-o", dir.file("sets/")}, "ixbake: -o wants a prefix for file names, such as " + dir.file("sets/name")},
+      {{"-o", dir.file("taken")}, "ixbake: cannot replace " + dir.file("taken.rdata.tgdb") + ": it is a directory\n"},
+      {{"-o", dir.file("in.jsonl/x")}, "ixbake: cannot write in " + in + ": Not a directory\n"},
+      {{"--fileset", dir.file("none/n.set"), "-o", dir.file("t")},
+       "ixbake: cannot write in " + dir.file("none") + ": No such file or directory\n"},
+      {{"--fileset", dir.file("sets/n.set"), "-o", dir.file("t")},
+       "ixbake: cannot use " + dir.file("sets/n.set.rdata") + " as a set file: not a regular file\n"},
+  };
+  for (auto [args, message] : cases) {
+    args.push_back(in);
+    const auto r = ixbake(args);
+    EXPECT_EQ(r.status, 1) << message;
+    EXPECT_EQ(r.err.substr(0, message.size()), message);
+  }
+  EXPECT_EQ(read_file(old_names), "old");
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path()))
+    EXPECT_FALSE(entry.path().string().ends_with(".tgdb") && entry.is_regular_file() && entry.path() != old_names)
+        << entry.path();
+}
+
 TEST(Ixbake, CommandLineMistakesExitWithStatusOne) {
   const std::pair<std::vector<std::string>, std::string> cases[] = {  // arguments, start of the message
       {{}, "ixbake: an output prefix is required (-o PREFIX)\n"},

@@ -196,6 +196,19 @@ TEST_F(tgdb_iter_file, corrupt_first_entry_fails_the_fill) {
   EXPECT_TRUE(log.contains("Error: could not update trigram tracker."));
 }
 
+TEST_F(tgdb_iter_file, line_number_past_the_end_is_reported) {
+  const std::string_view two[] = {"aaa.x\tA\t1", "bbb.x\tA\t2"};
+  ASSERT_TRUE(tgdb_write(path, two, {.sync = false}, nullptr));
+  db = tgdb_open(path.c_str());
+  const uint8_t far[5] = {0, 0, 0x0f, 0x42, 0x40};  // a single entry: line 1,000,000
+  patch(db->posting(trigram_id('a', 'a', 'a')).entries - db->file().data(), far, 5);
+  log_capture log;
+  bool failed = true;
+  ctx.query = set_of("aaa");
+  EXPECT_TRUE(run(failed).empty());
+  EXPECT_TRUE(log.contains("Error: trigram index names line 1000000 past its end, corrupt file: " + path)) << log.text();
+}
+
 TEST_F(tgdb_iter_file, table_scan_reads_every_line_even_without_final_newline) {
   bool failed;
   EXPECT_EQ(run(failed), lines);

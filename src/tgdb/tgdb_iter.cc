@@ -1,5 +1,6 @@
 #include "tgdb/tgdb_iter.h"
 
+#include <cinttypes>
 #include <cstring>
 
 #include "libmy/my_alloc.h"
@@ -42,9 +43,14 @@ class query_source final : public candidate_source {
     if (done_) return false;
     uint64_t n;
     const char* p = nullptr;
-    if (n_iter_next(*root_, n)) p = tgdb_line(*index_, n);
+    const bool more = n_iter_next(*root_, n);
+    if (more) p = tgdb_line(*index_, n);
     // Line numbers ascend, so once one lies past the table none follows.
     if (!p) {
+      // Said aloud: the lines after it are lost to this search.
+      if (more)
+        log_printf(LOG_ERROR, "Error: trigram index names line %" PRIu64 " past its end, corrupt file: %s", n,
+                   index_->path().c_str());
       done_ = true;
       return false;
     }

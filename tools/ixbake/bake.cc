@@ -2,6 +2,8 @@
 // lines; worker threads parse the chunks (and whole zone files) into their
 // own tables; the tables are merged, and the two files are sorted and
 // written concurrently.
+#include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -386,7 +388,53 @@ std::string dir_of(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// Holds off interrupts while the finished files take their places, so an
+// interrupt never leaves one file replaced and its partner not; a signal
+// that came meanwhile acts when this ends.
+class interrupts_held {
+ public:
+  interrupts_held() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, sig);
+    pthread_sigmask(SIG_BLOCK, &set, &previous_);
+  }
+  ~interrupts_held() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+  interrupts_held(const interrupts_held&) = delete;
+  interrupts_held& operator=(const interrupts_held&) = delete;
+
+ private:
+  sigset_t previous_;
+};
+
+std::string set_file_of(const bake_options& opts, const output_file& o) {
+  return (o.rdata && opts.kind == index_kind::both) ? opts.fileset + ".rdata" : opts.fileset;
+}
+
+// Why the outputs could not be put in place; empty when they can.
+std::string destination_problem(const bake_options& opts, const std::vector<output_file>& outputs) {
+  std::string err;
+  struct stat st;
+  if (opts.prefix.ends_with('/') || (stat(opts.prefix.c_str(), &st) == 0 && S_ISDIR(st.st_mode)))
+    return "-o wants a prefix for file names, such as " + opts.prefix + (opts.prefix.ends_with('/') ? "" : "/") +
+           "name; " + opts.prefix + " is a directory";
+  if (!check_writable_dir(dir_of(opts.prefix), err)) return err;
+  for (const auto& o : outputs) {
+    if (stat(o.path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return "cannot replace " + o.path + ": it is a directory";
+    if (!opts.fileset.empty() && !check_set_file(set_file_of(opts, o), err)) return err;
+  }
+  return {};
+}
+
 }  // namespace
+
+bool check_writable_dir(const std::string& dir, std::string& err) {
+  struct stat st;
+  const int e = stat(dir.c_str(), &st) != 0 ? errno : !S_ISDIR(st.st_mode) ? ENOTDIR
+                                                  : access(dir.c_str(), W_OK | X_OK) != 0 ? errno : 0;
+  if (e != 0) err = "cannot write in " + dir + ": " + strerror(e);
+  return e == 0;
+}
 
 std::string rrname_path(const std::string& prefix) { return prefix + ".rrname.tgdb"; }
 std::string rdata_path(const std::string& prefix) { return prefix + ".rdata.tgdb"; }
@@ -401,9 +449,10 @@ int bake(const bake_options& opts, bake_stats* stats) {
   std::vector<output_file> outputs;
   if (opts.kind != index_kind::rdata) outputs.push_back({rrname_path(opts.prefix), {}, false, 0, false, {}});
   if (opts.kind != index_kind::rrname) outputs.push_back({rdata_path(opts.prefix), {}, true, 0, false, {}});
-  const std::string out_dir = dir_of(opts.prefix);
-  if (access(out_dir.c_str(), W_OK | X_OK) != 0) {
-    fprintf(stderr, "ixbake: cannot write in %s: %s\n", out_dir.c_str(), strerror(errno));
+  // Everything that could make the end fail is checked before the reading,
+  // so a run never stops with part of its results in place.
+  if (std::string err = destination_problem(opts, outputs); !err.empty()) {
+    fprintf(stderr, "ixbake: %s\n", err.c_str());
     return 1;
   }
   for (auto& o : outputs) o.tmp = o.path + ".partial." + std::to_string(getpid());
@@ -482,6 +531,7 @@ int bake(const bake_options& opts, bake_stats* stats) {
     if (!o.ok && failure.empty()) failure = o.err;
   }
   // Both files are complete: only now do they take their names.
+  const interrupts_held held;
   for (auto& o : outputs) {
     if (failure.empty() && rename(o.tmp.c_str(), o.path.c_str()) != 0) {
       failure = "cannot rename " + o.tmp + " to " + o.path + ": " + strerror(errno);
@@ -495,10 +545,8 @@ int bake(const bake_options& opts, bake_stats* stats) {
 
   if (!opts.fileset.empty()) {
     for (const auto& o : outputs) {
-      const std::string setfile =
-          (o.rdata && opts.kind == index_kind::both) ? opts.fileset + ".rdata" : opts.fileset;
       std::string err;
-      if (!add_to_set_file(setfile, {o.path}, err)) {
+      if (!add_to_set_file(set_file_of(opts, o), {o.path}, err)) {
         fprintf(stderr, "ixbake: %s\n", err.c_str());
         return 1;
       }

@@ -50,5 +50,13 @@ int bake(const bake_options& options, bake_stats* stats = nullptr);
 // watches it sees the old list or the new one. False with a message in `err`.
 bool add_to_set_file(const std::string& setfile, const std::vector<std::string>& paths, std::string& err);
 
+// Whether new files can be made in `dir`. False with a message in `err`.
+bool check_writable_dir(const std::string& dir, std::string& err);
+
+// Whether `setfile` can be updated later: its directory is writable and, if
+// it exists, it is a readable regular file (links followed). False with a
+// message in `err`.
+bool check_set_file(const std::string& setfile, std::string& err);
+
 void bake_usage(FILE* out);
 int ixbake_main(int argc, char** argv);

@@ -13,7 +13,8 @@
 void bake_usage(FILE* out) {
   fputs(
       "Usage: ixbake [-q] [--strict] [--format auto|json|zone|lines] [--kind both|rrname|rdata]\n"
-      "              [--time T] [--origin NAME] [--fileset SETFILE] -o PREFIX [INPUT ...]\n"
+      "              [--time T] [--origin NAME] [--fileset SETFILE] [--threads N] [--no-sync]\n"
+      "              -o PREFIX [INPUT ...]\n"
       "Builds the index files vornsearch searches, from DNS records.\n"
       "\n"
       "  -o PREFIX          write PREFIX.rrname.tgdb (owner names) and PREFIX.rdata.tgdb\n"
@@ -24,7 +25,8 @@ void bake_usage(FILE* out) {
       "                     record lines; needs --kind rrname or rdata)\n"
       "  --kind K           both (the default), rrname or rdata: the files to write\n"
       "  --time T           time of zone records: epoch seconds, YYYY-MM-DD or\n"
-      "                     'YYYY-MM-DD HH:MM:SS' (UTC); default: the file's modification time\n"
+      "                     'YYYY-MM-DD HH:MM:SS' (UTC), or an age such as 2d12h or -3600\n"
+      "                     (as vornsearch -A/-B); default: the file's modification time\n"
       "  --origin NAME      origin of zone files before any $ORIGIN (default: the root)\n"
       "  --fileset SETFILE  list the new file in SETFILE (created if missing); with\n"
       "                     --kind both the rrname file goes to SETFILE and the rdata\n"

@@ -52,7 +52,40 @@ bool write_all(int fd, const std::string& data) {
   return true;
 }
 
+// The file to replace: a symbolic link's target, so the link keeps
+// working. Empty (with `err`) for a link that leads nowhere.
+std::string replaced_file(const std::string& setfile, std::string& err) {
+  struct stat lst;
+  if (lstat(setfile.c_str(), &lst) != 0 || !S_ISLNK(lst.st_mode)) return setfile;
+  char buf[PATH_MAX];
+  if (!realpath(setfile.c_str(), buf)) {
+    err = "cannot follow the link " + setfile + ": " + strerror(errno);
+    return {};
+  }
+  return buf;
+}
+
 }  // namespace
+
+bool check_set_file(const std::string& setfile, std::string& err) {
+  const std::string target = replaced_file(setfile, err);
+  if (target.empty()) return false;
+  struct stat st;
+  if (stat(target.c_str(), &st) == 0) {
+    if (!S_ISREG(st.st_mode)) {
+      err = "cannot use " + setfile + " as a set file: not a regular file";
+      return false;
+    }
+    if (access(target.c_str(), R_OK) != 0) {
+      err = "cannot read " + setfile + ": " + strerror(errno);
+      return false;
+    }
+  } else if (errno != ENOENT) {
+    err = "cannot use " + setfile + ": " + strerror(errno);
+    return false;
+  }
+  return check_writable_dir(dir_of(target), err);
+}
 
 bool add_to_set_file(const std::string& setfile, const std::vector<std::string>& paths, std::string& err) {
   std::string old;
@@ -100,7 +133,9 @@ bool add_to_set_file(const std::string& setfile, const std::vector<std::string>&
   }
   if (exists && text == old) return true;
 
-  std::string tmp = setfile + ".tmp.XXXXXX";
+  const std::string target = replaced_file(setfile, err);
+  if (target.empty()) return false;
+  std::string tmp = target + ".tmp.XXXXXX";
   const int fd = mkstemp(tmp.data());
   if (fd < 0) {
     err = "cannot create a file beside " + setfile + ": " + strerror(errno);
@@ -116,7 +151,7 @@ bool add_to_set_file(const std::string& setfile, const std::vector<std::string>&
   bool ok = fchmod(fd, mode) == 0 && write_all(fd, text) && fsync(fd) == 0;
   const int saved = errno;
   ok = (close(fd) == 0) && ok;
-  if (!ok || rename(tmp.c_str(), setfile.c_str()) != 0) {
+  if (!ok || rename(tmp.c_str(), target.c_str()) != 0) {
     err = "cannot write " + setfile + ": " + strerror(ok ? errno : saved);
     unlink(tmp.c_str());
     return false;
