@@ -204,6 +204,14 @@ TEST(Ixbake, BadRecordsAreReportedCountedAndSkipped) {
        "\"count\" must be a positive integer"},
       {R"({"rrname":"x.example","rrtype":"A","rdata":[],"time_first":1,"time_last":2,"count":1})",
        "\"rdata\" is an empty array"},
+      // The DNS library would cut this text short without a word.
+      {R"({"rrname":"x.example","rrtype":"TXT","time_first":1,"time_last":2,"count":1,"rdata":")" +
+           [] {
+             std::string t;
+             for (int i = 0; i < 300; ++i) t += "\\\"" + std::string(250, 'x') + "\\\" ";
+             return t;
+           }() + "\"}",
+       "is not valid TXT: its text is longer than 65534 bytes"},
   };
   temp_dir dir;
   std::string input = good + "\n\n";  // a blank line is no record
@@ -220,7 +228,7 @@ TEST(Ixbake, BadRecordsAreReportedCountedAndSkipped) {
     EXPECT_NE(line.find(cases[i].second), std::string::npos) << line;
   }
   ASSERT_TRUE(std::getline(err, line));
-  EXPECT_EQ(line, "ixbake: 12 records read, 11 skipped; wrote " + dir.file("t.rrname.tgdb") + " (1 lines), " +
+  EXPECT_EQ(line, "ixbake: 13 records read, 12 skipped; wrote " + dir.file("t.rrname.tgdb") + " (1 lines), " +
                       dir.file("t.rdata.tgdb") + " (1 lines)");
   EXPECT_EQ(read_index(dir.file("t.rrname.tgdb")).lines, std::vector<std::string>{"ok.example\t4:5,4:2"});
 

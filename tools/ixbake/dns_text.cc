@@ -209,6 +209,10 @@ bool dns_parser::parse_rdata(uint16_t rrtype, std::string_view text, std::vector
     err = "it holds a NUL byte or a line break";
     return false;
   }
+  if (text.size() > MAX_RDATA_TEXT) {
+    err = "its text is longer than " + std::to_string(MAX_RDATA_TEXT) + " bytes";
+    return false;
+  }
   std::string& s = impl_->scratch;
   s.assign(". 0 IN TYPE");
   s += std::to_string(rrtype);

@@ -18,6 +18,10 @@
 
 struct ldns_struct_rr;
 
+// The DNS library reads at most this many bytes of record data text and
+// silently drops the rest; longer texts are refused instead.
+inline constexpr size_t MAX_RDATA_TEXT = 65534;
+
 // The record type named by `text`: a mnemonic ("A", "https"), "TYPEnnn", or a
 // decimal number. 0 when it names no type (0 itself is not a type).
 uint16_t parse_rrtype_name(std::string_view text);

@@ -55,10 +55,22 @@ bool normalize_record_head(std::string& text, std::string& err) {
     err = "unknown record type " + quoted(type);
     return false;
   }
+  while (pos < text.size() && blank(text[pos])) ++pos;
+  if (text.size() - pos > MAX_RDATA_TEXT) {
+    err = "record data text longer than " + std::to_string(MAX_RDATA_TEXT) + " bytes";
+    return false;
+  }
   std::string head = owner.empty() ? " " : owner;
-  for (const std::string* w : {&ttl, &klass, &type})
-    if (!w->empty()) head += " " + *w;
-  text = head + text.substr(pos);
+  for (const std::string* w : {&ttl, &klass, &type}) {
+    if (w->empty()) continue;
+    head += ' ';
+    head += *w;
+  }
+  if (pos < text.size()) {
+    head += ' ';
+    head.append(text, pos);
+  }
+  text = std::move(head);
   return true;
 }
 
