@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,21 +15,17 @@ namespace {
 constexpr int64_t kNow = 1700000000;
 
 TEST(cli, parse_time_spec_forms) {
-  const std::pair<const char*, int64_t> good[] = {
+  const std::pair<const char*, std::optional<int64_t>> cases[] = {
       {"2020-01-02", 1577923200}, {"2020-01-02 03:04:05", 1577923200 + 3 * 3600 + 4 * 60 + 5},
       {"", kNow},                 {"3600", 3600},
       {"-3600", kNow - 3600},     {"1d", kNow - 86400},
       {"1h30m", kNow - 5400},     {"2w1d", kNow - 15 * 86400},
       {"10S5s", kNow - 15},       {"1D1d", kNow - 2 * 86400},
+      {"-1d", {}}, {"1d5", {}}, {"1x", {}}, {"d", {}}, {"1d ", {}}, {" 1d", {}}, {"2020-01-02x", {}},
   };
-  for (const auto& [text, want] : good) {
+  for (const auto& [text, want] : cases) {
     int64_t out = -1;
-    EXPECT_TRUE(parse_time_spec(text, out, kNow)) << "'" << text << "'";
-    EXPECT_EQ(out, want) << "'" << text << "'";
-  }
-  for (const char* bad : {"-1d", "1d5", "1x", "d", "1d ", " 1d", "2020-01-02x"}) {
-    int64_t out = -1;
-    EXPECT_FALSE(parse_time_spec(bad, out, kNow)) << "'" << bad << "'";
+    EXPECT_EQ(parse_time_spec(text, out, kNow) ? std::optional(out) : std::nullopt, want) << "'" << text << "'";
   }
 }
 
@@ -66,11 +63,8 @@ TEST(cli, start_up_errors) {
     std::vector<std::pair<std::string, std::string>> env = {};
   } cases[] = {
       {{}, missing},
-      {{"-s", "x", "-g", "-c"}, missing},
       {{"-j", "-r"}, both},  // checked before the missing source
-      {{"-r", "-L", "5", "-j"}, both},
       {{"-L", "0"}, "Invalid search limit specified: 0\n"},
-      {{"-L", "abc"}, "Invalid search limit specified: abc\n"},
       {{"-L", "4294967296"}, "Invalid search limit specified: 4294967296\n"},
       {{"-L", "-1"}, missing},
       {{"-t", "abc"}, missing},
@@ -91,8 +85,7 @@ TEST(cli, start_up_errors) {
   };
   for (const auto& c : cases) {
     run_result r = run_vornsearch(c.args, "", c.env);
-    std::string joined;
-    for (const auto& a : c.args) joined += a + " ";
+    const std::string joined = testing::PrintToString(c.args);
     EXPECT_EQ(r.status, 1) << joined;
     EXPECT_EQ(r.err, c.err) << joined;
     EXPECT_EQ(r.out, "") << joined;
