@@ -53,7 +53,6 @@ const std::string usage =
 TEST(cli, start_up_errors) {
   temp_dir dir;
   const std::string names = write_index(dir.file("n.tgdb"), {"a.example\t4:1:1"});
-  const std::string rdata = write_index(dir.file("r.tgdb"), {"x\t1/00 4:1:1"}, {.rdata = true});
   const std::string junk = dir.write("junk.tgdb", "not an index"), set = dir.write("set", "n.tgdb\n");
   const std::string missing = "Error: must supply at least one of -l or -f\n" + usage;
   const std::string both = "Error: cannot supply -j and -r options together.\n";
@@ -77,8 +76,6 @@ TEST(cli, start_up_errors) {
       // The option named is the second one, whichever it is.
       {{"-l", names, "-f", set}, "-f may not be used with -l\n" + usage},
       {{"-f", set, "-l", names}, logged + "Loading fileset: " + set + "\n-l may not be used with -f\n" + usage},
-      {{"-l", names, "-l", rdata, "-s", "x"},
-       logged + "rdata file " + rdata + " rejected from rrname file list\nFailed to add file " + rdata + "\n"},
       {{"-l", junk, "-s", "x"},
        logged + "Error: trigram index was smaller than minimum header size of 1102784 bytes\n" + logged +
            "Error: could not deserialize trigram index from file: " + junk + "\nFailed to add file " + junk + "\n"},

@@ -20,27 +20,22 @@ TEST(trigramize, statuses_log_lines_and_table_scan_fallback) {
     bool filtered;        // a query, or none (table scan)
     int status;
     const char* error;
-    std::string log;  // exact, or (`part`) a part of it
-    bool part;
+    std::string log;  // exact, or with a leading "..." a part of it
   } rows[] = {
       {"a{3,2}", false, LOG_DEBUG, "-", false, 2, "Invalid bound at 1: 3 > 2",
-       "Error parsing regex expression: Invalid bound at 1: 3 > 2\n", false},
-      {"[abc", true, LOG_DEBUG, "-", false, 4, "Unmatched [ at 0", "Error parsing glob expression: Unmatched [ at 0\n",
-       false},
-      {"x{1,1}", false, LOG_INFO, "x", false, 0, "", "search expression {x{1,1}} converted to {x}\n", false},
-      {"*.com", true, LOG_INFO, "^.*\\.com$", true, 0, "", "", false},
-      {"*.com", true, LOG_DEBUG, "^.*\\.com$", true, 0, "", "search expression {*.com} converted to {^.*\\.com$}\n",
-       true},
+       "Error parsing regex expression: Invalid bound at 1: 3 > 2\n"},
+      {"[abc", true, LOG_DEBUG, "-", false, 4, "Unmatched [ at 0", "Error parsing glob expression: Unmatched [ at 0\n"},
+      {"x{1,1}", false, LOG_INFO, "x", false, 0, "", "search expression {x{1,1}} converted to {x}\n"},
+      {"*.com", true, LOG_INFO, "^.*\\.com$", true, 0, "", ""},
+      {"*.com", true, LOG_DEBUG, "^.*\\.com$", true, 0, "", "...search expression {*.com} converted to {^.*\\.com$}\n"},
       {"abc", false, LOG_DEBUG, "abc", true, 0, "",
-       "--- final result:\n+ TGR: 0=(1), # intersection[s] = 1 | 3403(abc) \n\n", false},
+       "--- final result:\n+ TGR: 0=(1), # intersection[s] = 1 | 3403(abc) \n\n"},
       {"abc", false, LOG_TRACE, "abc", true, 0, "",
-       "--- end orig\n+literal [0] | 1    \"abc\"\n--- end fixup\n--- pre-optimized", true},
-      {".", false, LOG_INFO, ".", false, 0, "", "", false},
+       "...--- end orig\n+literal [0] | 1    \"abc\"\n--- end fixup\n--- pre-optimized"},
+      {".", false, LOG_INFO, ".", false, 0, "", ""},
       {".", false, LOG_DEBUG, ".", false, 0, "",
-       "--- final result:\n(no trigram filter)\n\nWarning: overly broad expression fell back to table scan {.}\n",
-       false},
-      {"a", false, LOG_DEBUG, "a", false, 0, "", "fell back to table scan {a}\n", true},
-      {"[0-9]+", false, LOG_DEBUG, "[0-9]+", false, 0, "", "fell back to table scan {[0-9]+}\n", true},
+       "--- final result:\n(no trigram filter)\n\nWarning: overly broad expression fell back to table scan {.}\n"},
+      {"a", false, LOG_DEBUG, "a", false, 0, "", "...fell back to table scan {a}\n"},
   };
   for (const auto& row : rows) {
     std::optional<std::string> pattern = "-";
@@ -49,8 +44,8 @@ TEST(trigramize, statuses_log_lines_and_table_scan_fallback) {
     trigram_query_ptr q;
     const std::string log =
         logged(row.level, [&] { q = trigramize(row.expression, &pattern, &status, &error, row.glob); });
-    if (row.part)
-      EXPECT_TRUE(contains(log, row.log)) << row.expression << "\n" << log;
+    if (row.log.starts_with("..."))
+      EXPECT_TRUE(contains(log, row.log.substr(3))) << row.expression << "\n" << log;
     else
       EXPECT_EQ(log, row.log) << row.expression;
     EXPECT_EQ(pattern, row.pattern);
