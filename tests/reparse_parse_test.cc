@@ -54,7 +54,8 @@ TEST(reparse, regex_written_back_or_refused) {
       {"[-^]", "[\\-\\^]"}, {"[a-]", "[\\-a]"}, {"[]a]", "[\\]a]"}, {"[^]a]", "[^\\]a]"}, {"[[a]", "[[a]"},
       {"[[:digit:]_]", "[0-9_]"}, {"[^[:alpha:]]", "[^A-Za-z]"}, {"[[:cntrl:]]", "[^ -~\x80]"}, {"[~-\x7f]", "[~\x7f]"},
       // Errors, each with the offending position.
-      {"a$b", "!Invalid characters after '$' at 2"}, {"(a$)b", "!Invalid characters after '$' at 4"},
+      {"a$b", "!Invalid characters after '$' at 2"}, {"a$$", "!Invalid characters after '$' at 2"},
+      {"(a$)b", "!Invalid characters after '$' at 4"},
       {"*a", "!Invalid '*' at 0"}, {"a|+b", "!Invalid '+' at 2"}, {"^?", "!Invalid '?' at 1"},
       {"{2}", "!Invalid '{' at 0"}, {"^^", "!Duplicate '^' at 1"}, {"a^", "!Invalid '^' at 1"},
       {"x(^a)b", "!Invalid '^' at 5"}, {"(^a)(^b)", "!Duplicate '^' at 7"}, {"(a$)$", "!Duplicate '$' at 4"},
