@@ -62,7 +62,6 @@ TEST(trigram_query, rewrites_and_their_messages) {
        "{O=2/2:{O=0/2:{O=1/1:5},{O=1/1:6}},{O=1/2:1,3}}",
        "Collapsed a total of 2 nested results in 1 nodes [1].\n"
        "Collapsed a total of 2 nested results in 2 nodes [2].\n"},
-      {trigram_query_reduce, [] { return U(S({}), I()); }, "null", "Collapsed an entire branch of 2 nodes.\n"},
       {trigram_query_simplify, [] { return U(U(S({1}), S({2})), U(S({3}), S({4}))); },
        "{O=0/4:{O=1/1:1},{O=1/1:2},{O=1/1:3},{O=1/1:4}}", "Collapsed parent union of 2 union elements into one.\n"},
       // One unconstrained member makes the whole union unconstrained.
