@@ -174,8 +174,7 @@ TEST_F(tgdb_iter_file, absent_trigram_empties_a_leaf_and_null_members_are_skippe
 }
 
 TEST_F(tgdb_iter_file, corrupt_first_entry_fails_the_fill) {
-  const int32_t id = trigram_id('z', 'o', 'n');
-  patch(db->posting(id).entries - db->file().data(), "\x40", 1);
+  patch(db->posting(trigram_id('z', 'o', 'n')).entries - db->file().data(), "\x40", 1);
   log_capture log;
   bool failed = false;
   ctx.query = set_of("zone");
