@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <random>
 #include <set>
 
@@ -20,49 +19,10 @@ n_iter_ptr vec_iter(std::vector<uint64_t> v) {
   return n_iter_init(seek, at, at, [] {});
 }
 
-std::vector<uint64_t> drain(n_iter& it) {
-  std::vector<uint64_t> out;
-  for (uint64_t v; n_iter_next(it, v);) out.push_back(v);
-  return out;
-}
-
 n_iter_ptr combine(bool is_union, const std::vector<std::vector<uint64_t>>& lists) {
   n_iter_builder b = is_union ? n_iter_union_new() : n_iter_intersection_new();
   for (const auto& l : lists) b.add(vec_iter(l));
   return b.finish();
-}
-
-TEST(n_iter, combinations_match_set_operations_with_seeks) {
-  std::mt19937_64 rng(42);
-  for (size_t round = 0; round < property_count(300); ++round) {
-    std::vector<std::vector<uint64_t>> lists(1 + rng() % 5);
-    const uint64_t span = 10 + rng() % 500;
-    std::map<uint64_t, size_t> lists_holding;
-    for (auto& l : lists) {
-      std::set<uint64_t> s;
-      for (size_t n = rng() % 60; n--;) s.insert(rng() % span);
-      l.assign(s.begin(), s.end());
-      for (uint64_t v : s) ++lists_holding[v];
-    }
-    for (bool is_union : {true, false}) {
-      std::vector<uint64_t> want;
-      for (auto [v, n] : lists_holding)
-        if (is_union || n == lists.size()) want.push_back(v);
-      auto it = combine(is_union, lists);
-      ASSERT_EQ(drain(*it), want) << round;
-      // Jumping ahead lands on the first member at or after the target.
-      it = combine(is_union, lists);
-      for (uint64_t t = rng() % 20; t < span + 5; t += 1 + rng() % 40) {
-        it->op_seek(t);
-        uint64_t got;
-        auto lb = std::lower_bound(want.begin(), want.end(), t);
-        ASSERT_EQ(it->op_get(got), lb != want.end());
-        if (lb != want.end()) {
-          ASSERT_EQ(got, *lb);
-        }
-      }
-    }
-  }
 }
 
 // A leaf whose estimate after a seek is only a lower bound (the target), as
@@ -87,14 +47,14 @@ n_iter_ptr loose_iter(std::vector<uint64_t> v) {
 n_iter_ptr random_tree(std::mt19937_64& rng, int depth, uint64_t span, std::set<uint64_t>& want) {
   if (depth == 0 || rng() % 3 == 0) {
     std::set<uint64_t> s;
-    for (size_t n = rng() % 40; n--;) s.insert(rng() % span);
+    for (size_t n = rng() % 60; n--;) s.insert(rng() % span);
     want = s;
     std::vector<uint64_t> v(s.begin(), s.end());
     return rng() % 2 ? vec_iter(std::move(v)) : loose_iter(std::move(v));
   }
   const bool is_union = rng() % 2;
   n_iter_builder b = is_union ? n_iter_union_new() : n_iter_intersection_new();
-  for (size_t i = 0, n = 1 + rng() % 4; i < n; ++i) {
+  for (size_t i = 0, n = 1 + rng() % 5; i < n; ++i) {
     std::set<uint64_t> child;
     b.add(random_tree(rng, depth - 1, span, child));
     if (i == 0 || is_union) {
@@ -106,16 +66,17 @@ n_iter_ptr random_tree(std::mt19937_64& rng, int depth, uint64_t span, std::set<
   return b.finish();
 }
 
-// Nested combinations see estimates that are only bounds, and children
-// that run out mid-walk; seeks and reads are interleaved at random.
+// Flat and nested combinations, over leaves whose estimates may be only
+// bounds, with children that run out mid-walk; seeks and reads interleave at
+// random.
 TEST(n_iter, nested_trees_with_loose_estimates_match_set_operations) {
   std::mt19937_64 rng(7);
   for (size_t round = 0; round < property_count(2000); ++round) {
-    const uint64_t span = 5 + rng() % 200;
+    const uint64_t span = 5 + rng() % 400;
     std::set<uint64_t> want;
     auto it = random_tree(rng, 3, span, want);
     uint64_t at = 0;  // everything below has been passed
-    for (int step = 0; step < 30; ++step) {
+    for (int step = 0; step < 100; ++step) {
       if (rng() % 2) {
         at = std::max(at, uint64_t(rng() % (span + 5)));
         it->op_seek(at);
@@ -141,12 +102,12 @@ TEST(n_iter, nested_trees_with_loose_estimates_match_set_operations) {
 }
 
 TEST(n_iter, edge_cases) {
-  EXPECT_TRUE(drain(*combine(true, {{}, {}})).empty());
-  EXPECT_TRUE(drain(*combine(false, {})).empty());
+  uint64_t v;
+  EXPECT_FALSE(combine(true, {{}, {}})->op_get(v));
+  EXPECT_FALSE(combine(false, {})->op_get(v));
   // Once a child runs out, the intersection stays exhausted, even when a
   // later seek lands the other child on a value.
   auto it = combine(false, {{2, 50, 100}, {2, 3}});
-  uint64_t v;
   EXPECT_TRUE(n_iter_next(*it, v) && v == 2);
   EXPECT_FALSE(n_iter_next(*it, v));
   it->op_seek(100);
