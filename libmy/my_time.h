@@ -16,3 +16,10 @@ timespec my_time_sub(timespec end, timespec start);  // nanoseconds borrowed fro
 // True when `a` is strictly earlier than `b`.
 bool my_time_before(const timespec& a, const timespec& b);
 double my_time_seconds(const timespec& t);
+
+// Parses a time argument (vornsearch -A/-B, ixbake --time) into seconds since
+// the epoch: "YYYY-MM-DD HH:MM:SS" or "YYYY-MM-DD" (UTC), empty for now, a
+// number (absolute seconds, or seconds ago when negative), or an age such as
+// "1h30m". `now` is the current time in seconds, used by the relative forms.
+bool parse_time_spec(const char* text, int64_t& out, int64_t now);
+bool parse_time_spec(const char* text, int64_t& out);

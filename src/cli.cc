@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <vector>
 
@@ -17,71 +16,12 @@
 
 namespace {
 
-uint64_t unit_seconds(char unit) {
-  switch (unit) {
-    case 's': case 'S': return 1;
-    case 'm': case 'M': return 60;
-    case 'h': case 'H': return 3600;
-    case 'd': case 'D': return 86400;
-    case 'w': case 'W': return 604800;
-    default: return 0;
-  }
-}
-
-// Sums groups such as "1h30m"; false unless the whole text is such groups.
-bool parse_unit_groups(const char* text, uint64_t& total) {
-  total = 0;
-  const char* p = text;
-  while (*p) {
-    if (*p < '0' || *p > '9') return false;
-    uint64_t value = 0;
-    while (*p >= '0' && *p <= '9') value = value * 10 + static_cast<uint64_t>(*p++ - '0');
-    uint64_t unit = unit_seconds(*p);
-    if (unit == 0) return false;
-    total += value * unit;
-    ++p;
-  }
-  return true;
-}
-
 [[noreturn]] void fail(const char* program, bool show_usage) {
   if (show_usage) usage(program);
   exit(1);
 }
 
 }  // namespace
-
-bool parse_time_spec(const char* text, int64_t& out, int64_t now) {
-  tm fields{};
-  const char* end = strptime(text, "%F %T", &fields);
-  if (end && *end == '\0') {
-    out = timegm(&fields);
-    return true;
-  }
-  end = strptime(text, "%F", &fields);
-  if (end && *end == '\0') {
-    out = timegm(&fields);
-    return true;
-  }
-  if (*text == '\0') {
-    out = now;
-    return true;
-  }
-  char* number_end = nullptr;
-  long long n = strtoll(text, &number_end, 10);
-  if (*number_end == '\0') {
-    out = n < 0 ? now + n : n;
-    return true;
-  }
-  uint64_t ago = 0;
-  if (!parse_unit_groups(text, ago)) return false;
-  out = static_cast<int64_t>(static_cast<uint64_t>(now) - ago);
-  return true;
-}
-
-bool parse_time_spec(const char* text, int64_t& out) {
-  return parse_time_spec(text, out, my_time_now().tv_sec);
-}
 
 bool read_stdin_searches(const search_options& options, FILE* in) {
   char line[4096];

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "libmy/my_time.h"
+
 struct data_source;
 
 struct search_options {
@@ -22,11 +24,6 @@ struct search_options {
 };
 
 inline constexpr uint64_t DEFAULT_LIMIT = 10000;
-
-// Parses an -A/-B argument into seconds since the epoch. `now` is the current
-// time in seconds, used by the relative forms.
-bool parse_time_spec(const char* text, int64_t& out, int64_t now);
-bool parse_time_spec(const char* text, int64_t& out);
 
 // Runs one search per non-empty line of `in`; false as soon as one fails.
 bool read_stdin_searches(const search_options& options, FILE* in = stdin);

@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "cli.h"
 #include "dns_text.h"
 #include "ixbake.h"
+#include "libmy/my_time.h"
 #include "libmy/my_unfinished_file.h"
 #include "log/log.h"
 
