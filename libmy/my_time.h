@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <string_view>
 
 using my_clock_fn = timespec (*)();
 
@@ -17,9 +18,16 @@ timespec my_time_sub(timespec end, timespec start);  // nanoseconds borrowed fro
 bool my_time_before(const timespec& a, const timespec& b);
 double my_time_seconds(const timespec& t);
 
+// Parses an ISO 8601 time: "YYYY-MM-DD", then optionally 'T' or a space and
+// "HH:MM[:SS[.fraction]]", then optionally "Z" or an offset "+HH:MM", "+HHMM"
+// or "+HH" (or '-'). Without an offset the time is UTC. False unless the
+// whole text is such a time with valid fields.
+bool parse_iso_time(std::string_view text, int64_t& out);
+
 // Parses a time argument (vornsearch -A/-B, ixbake --time) into seconds since
-// the epoch: "YYYY-MM-DD HH:MM:SS" or "YYYY-MM-DD" (UTC), empty for now, a
-// number (absolute seconds, or seconds ago when negative), or an age such as
-// "1h30m". `now` is the current time in seconds, used by the relative forms.
+// the epoch: "YYYY-MM-DD HH:MM:SS" or "YYYY-MM-DD" (UTC), any ISO 8601 form
+// that parse_iso_time takes, empty for now, a number (absolute seconds, or
+// seconds ago when negative), or an age such as "1h30m". `now` is the current
+// time in seconds, used by the relative forms.
 bool parse_time_spec(const char* text, int64_t& out, int64_t now);
 bool parse_time_spec(const char* text, int64_t& out);
