@@ -94,7 +94,8 @@ bool compile_pattern(search_run& run, const char* expression) {
 
 std::unique_ptr<tgdb_merger> launch_search(search_run& run) {
   const timespec t0 = my_time_now();
-  std::unique_ptr<tgdb_merger> search = run.options.source ? data_source_start(*run.options.source, run.ctx) : nullptr;
+  std::unique_ptr<tgdb_merger> search =
+      run.options.source ? data_source_start(*run.options.source, run.ctx) : nullptr;
   const timespec t1 = my_time_now();
   if (!search) {
     log_printf(LOG_ERROR, "Error dispatching search: empty data source");
