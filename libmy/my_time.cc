@@ -2,7 +2,10 @@
 
 #include <sys/time.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
+#include <limits>
 #include <string_view>
 
 #include "libmy/my_alloc.h"
@@ -134,10 +137,12 @@ timespec my_time_now() { return active_clock(); }
 void my_time_set_clock(my_clock_fn clock) { active_clock = clock ? clock : real_clock; }
 
 timespec my_time_add(timespec a, timespec b) {
-  timespec r{a.tv_sec + b.tv_sec, a.tv_nsec + b.tv_nsec};
-  while (r.tv_nsec > 999999999) {
-    r.tv_nsec -= 1000000000;
-    r.tv_sec += 1;
+  constexpr long second = 1000000000;
+  const long carry = a.tv_nsec + b.tv_nsec >= second ? 1 : 0;
+  timespec r{0, a.tv_nsec + b.tv_nsec - carry * second};
+  if (__builtin_add_overflow(a.tv_sec, b.tv_sec, &r.tv_sec) || __builtin_add_overflow(r.tv_sec, carry, &r.tv_sec)) {
+    r.tv_sec = std::numeric_limits<time_t>::max();
+    r.tv_nsec = second - 1;
   }
   return r;
 }
@@ -156,6 +161,17 @@ bool my_time_before(const timespec& a, const timespec& b) {
 }
 
 double my_time_seconds(const timespec& t) { return t.tv_sec + t.tv_nsec / 1e9; }
+
+std::optional<timespec> my_time_span(double seconds) {
+  // Written so that not-a-number fails the test too.
+  if (!(seconds > 0)) return std::nullopt;
+  if (seconds >= static_cast<double>(MY_TIME_FAR_AWAY)) return timespec{MY_TIME_FAR_AWAY, 0};
+  const double whole = std::trunc(seconds);
+  const long nanos = std::min(static_cast<long>((seconds - whole) * 1e9), 999999999L);
+  const timespec span{static_cast<time_t>(whole), nanos};
+  if (span.tv_sec == 0 && span.tv_nsec == 0) return std::nullopt;
+  return span;
+}
 
 bool parse_time_spec(const char* text, int64_t& out, int64_t now) {
   tm fields{};

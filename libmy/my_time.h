@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <optional>
 #include <string_view>
 
 using my_clock_fn = timespec (*)();
@@ -12,11 +13,20 @@ using my_clock_fn = timespec (*)();
 timespec my_time_now();
 void my_time_set_clock(my_clock_fn clock);  // nullptr restores the real clock
 
+// Sum of two normalised times (nanoseconds below a second); the seconds stop
+// at the largest value instead of wrapping.
 timespec my_time_add(timespec a, timespec b);
 timespec my_time_sub(timespec end, timespec start);  // nanoseconds borrowed from the seconds
 // True when `a` is strictly earlier than `b`.
 bool my_time_before(const timespec& a, const timespec& b);
 double my_time_seconds(const timespec& t);
+
+// The span of a time-out given in seconds, truncated to whole nanoseconds.
+// None when the value is not a positive number (negative, zero, not a
+// number) or truncates to zero. Spans beyond MY_TIME_FAR_AWAY seconds,
+// infinity included, are cut to it: a deadline that far away never comes.
+inline constexpr int64_t MY_TIME_FAR_AWAY = int64_t{1} << 50;  // some 35 million years
+std::optional<timespec> my_time_span(double seconds);
 
 // Parses an ISO 8601 time: "YYYY-MM-DD", then optionally 'T' or a space and
 // "HH:MM[:SS[.fraction]]", then optionally "Z" or an offset "+HH:MM", "+HHMM"

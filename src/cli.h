@@ -28,7 +28,9 @@ inline constexpr uint64_t DEFAULT_LIMIT = 10000;
 // Runs one search per non-empty line of `in`; false as soon as one fails.
 bool read_stdin_searches(const search_options& options, FILE* in = stdin);
 
-void usage(const char* program_name);
+// The usage text; --help adds more after it on standard output.
+void usage(const char* program_name, FILE* stream = stderr);
 
-// The whole program; returns the exit status.
+// The whole program; returns the exit status. Only this decides it: the
+// parts report failures and return.
 int vornsearch_main(int argc, char** argv);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "libmy/version.h"
 #include <optional>
 #include <string>
 #include <vector>
@@ -54,6 +55,15 @@ TEST(cli, start_up_errors) {
       {{"-B", "-1d"}, "invalid time '-1d'\n"},
       {{"-A", "", "-B", "2020-01-02"}, missing},
       {{"-x"}, bin + ": invalid option -- 'x'\n" + usage},
+      // Long options add names; the short letters keep theirs.
+      {{"-h"}, bin + ": invalid option -- 'h'\n" + usage},
+      {{"--bogus"}, bin + ": unrecognized option '--bogus'\n" + usage},
+      {{"-L", "0", "--help"}, "Invalid search limit specified: 0\n"},  // options act as they are read
+      // An operand left over would be a file that is never searched, or
+      // make standard input be read without -s.
+      {{"-l", names, "-s", "x", "b.tgdb"}, "unexpected argument 'b.tgdb': give each index file with its own -l\n"},
+      {{"-l", names, "login2", "-j", "-r"}, "unexpected argument 'login2': give each index file with its own -l\n"},
+      {{"x\r", "-l", names}, "unexpected argument 'x\\r': give each index file with its own -l\n"},
       {{}, "Warning: invalid log level '4' in VORN_LOGLEVEL\n" + missing, {{"VORN_LOGLEVEL", "4"}}},
       {{"-f", "/nonexistent/set"}, "Error: could not access fileset /nonexistent/set: No such file or directory\n"},
       // The option named is the second one, whichever it is.
@@ -70,6 +80,40 @@ TEST(cli, start_up_errors) {
     EXPECT_EQ(r.err, c.err) << joined;
     EXPECT_EQ(r.out, "") << joined;
   }
+}
+
+// --help and --version answer on standard output and end the run well.
+TEST(cli, help_and_version) {
+  const std::string help_start = usage + "Times for -A and -B";
+  const struct {
+    std::vector<std::string> args;
+    std::string out_start;
+    std::vector<const char*> holds = {};
+  } cases[] = {
+      {{"--help"}, help_start,
+       {"2025-12-01T13:45:00Z", "\n-L -1 means no limit", "\nWithout -s, expressions",
+        "\nA set file (-f)", "\nExit status: 0"}},
+      {{"-v", "--help", "-x"}, help_start},  // the run ends at --help
+  };
+  for (const auto& c : cases) {
+    const run_result r = run_vornsearch(c.args);
+    const std::string joined = testing::PrintToString(c.args);
+    EXPECT_EQ(r.status, 0) << joined;
+    EXPECT_EQ(r.err, "") << joined;
+    EXPECT_EQ(r.out.substr(0, c.out_start.size()), c.out_start) << joined;
+    for (const char* text : c.holds) EXPECT_NE(r.out.find(text), std::string::npos) << joined << ": " << text;
+  }
+  EXPECT_EQ(run_vornsearch({"--version"}).out, std::string("vornsearch ") + VORN_VERSION + "\n");
+}
+
+// The invocation name is the log prefix as it is: as a format, "%s%n" would
+// read and write through pointers that were never passed.
+TEST(cli, program_name_is_not_a_format) {
+  temp_dir dir;
+  const std::string names = write_index(dir.file("n.tgdb"), {"a.example\t4:1:1"});
+  const run_result r = run_vornsearch({"-l", names, "-s", "zzz"}, "", {}, "%s%n%s%n");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(r.err.starts_with("%s%n%s%n: Starting, logging level 'info'\nsearch-1")) << r.err;
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
 #include <optional>
 #include <utility>
 
@@ -30,6 +32,29 @@ TEST(my_time, parse_time_spec_forms) {
     int64_t out = -1;
     EXPECT_EQ(parse_time_spec(text, out, kNow) ? std::optional(out) : std::nullopt, want) << "'" << text << "'";
   }
+}
+
+// -t: what is not a positive number means no time-out; a huge one is far away.
+TEST(my_time, time_out_spans) {
+  using span = std::optional<std::pair<int64_t, long>>;
+  constexpr double inf = std::numeric_limits<double>::infinity();
+  const std::pair<double, span> cases[] = {
+      {0.25, {{0, 250000000}}}, {1.5, {{1, 500000000}}},  {3e9, {{3000000000, 0}}},
+      {1e-9, {{0, 1}}},         {1e16, {{MY_TIME_FAR_AWAY, 0}}}, {1e300, {{MY_TIME_FAR_AWAY, 0}}},
+      {inf, {{MY_TIME_FAR_AWAY, 0}}},
+      {0, {}}, {-1, {}}, {-0.5, {}}, {-inf, {}}, {std::nan(""), {}}, {1e-12, {}},
+  };
+  for (const auto& [seconds, want] : cases) {
+    const auto got = my_time_span(seconds);
+    EXPECT_EQ(got ? span({got->tv_sec, got->tv_nsec}) : std::nullopt, want) << seconds;
+  }
+  // A far deadline stays far, whenever it is armed; a sum past the largest time stops there.
+  const timespec now{1700000000, 999999999}, far{MY_TIME_FAR_AWAY, 0};
+  EXPECT_EQ(my_time_add(now, far).tv_sec, 1700000000 + MY_TIME_FAR_AWAY);
+  EXPECT_EQ(my_time_add(now, {0, 2}).tv_sec, 1700000001);
+  EXPECT_EQ(my_time_add(now, {0, 2}).tv_nsec, 1);
+  const timespec last = my_time_add({std::numeric_limits<time_t>::max(), 5}, {1, 999999999});
+  EXPECT_EQ(last.tv_sec, std::numeric_limits<time_t>::max());
 }
 
 }  // namespace

@@ -10,10 +10,10 @@ namespace {
 constexpr int64_t jan = 1577872800, mar = 1583060400;  // 2020-01-01 10:00:00, 2020-03-01 11:00:00 UTC
 const std::string epoch = "[1970-01-01 00:00:00 / 1970-01-01 00:00:00]";
 
-// What a writer puts on its stream, local time being UTC.
+// What a writer puts on its stream, local time being that of `zone`.
 template <class Writer, class... Args>
-std::string written(Writer write, const Args&... args) {
-  setenv("TZ", "UTC", 1);
+std::string written_in(const char* zone, Writer write, const Args&... args) {
+  setenv("TZ", zone, 1);
   tzset();
   char* data = nullptr;
   size_t size = 0;
@@ -23,6 +23,11 @@ std::string written(Writer write, const Args&... args) {
   std::string text(data, size);
   free(data);
   return text;
+}
+
+template <class Writer, class... Args>
+std::string written(Writer write, const Args&... args) {
+  return written_in("UTC", write, args...);
 }
 
 search_result make(std::string name, std::vector<search_entry> entries, size_t rdata_len = 0) {
@@ -46,6 +51,18 @@ TEST(output, writes_text_and_raw_lines) {
     EXPECT_EQ(written(write_text_result, result), text);
     EXPECT_EQ(written(write_raw_result, result), raw);
   }
+}
+
+// Text shows local time, daylight saving included; raw and JSON stay in
+// epoch seconds. The zone is a rule, so no zone database is needed.
+TEST(output, text_times_follow_the_local_zone) {
+  constexpr const char* new_york = "EST5EDT,M3.2.0,M11.1.0";
+  constexpr int64_t spring = 1710054000, autumn = 1730613600;  // 2024-03-10 07:00, 2024-11-03 06:00 UTC
+  const search_result r = make("ny", {{1, 1, spring - 1, spring}, {28, 1, autumn - 1, autumn}});
+  EXPECT_EQ(written_in(new_york, write_text_result, r),
+            "ny       A/1 [2024-03-10 01:59:59 / 2024-03-10 03:00:00]\t"
+            "AAAA/1 [2024-11-03 01:59:59 / 2024-11-03 01:00:00]\n");
+  EXPECT_EQ(written_in(new_york, write_raw_result, r), "ny\t4:65ed5a6f,1:1 6:6727115f,1:1\n");
 }
 
 TEST(output, writes_json_objects) {

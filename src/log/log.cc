@@ -155,17 +155,3 @@ void log_rate(int level, const char* label, uint64_t count, int64_t seconds, int
   double rate = t > 0 ? count / t : 0;
   log_printf(level, "%s: %lu (%f /s)", label, static_cast<unsigned long>(count), rate);
 }
-
-void log_search_timing(int level, const search_timing& t) {
-  if (log_get_level() < level) return;
-  log_interval(level, "            Regex", t.start, t.pattern_done);
-  log_interval(level, "    First Trigram", t.pattern_done, t.launched);
-  log_interval(level, "    First Pattern", t.launched, t.first_match);
-  log_printf(level, "%s: %f s", "Total Search Time", as_seconds(t.search_time.tv_sec, t.search_time.tv_nsec));
-  log_printf(level, " Total Bytes Read: %zu  (%zu pages)", static_cast<size_t>(t.bytes_read),
-             static_cast<size_t>(t.pages_read));
-  log_rate(level, "  Trigram Matches", t.candidates, t.search_time.tv_sec, t.search_time.tv_nsec);
-  log_rate(level, "  Pattern Matches", t.pattern_matches, t.search_time.tv_sec, t.search_time.tv_nsec);
-  log_rate(level, "          Results", t.results, t.search_time.tv_sec, t.search_time.tv_nsec);
-  log_interval(level, "    Total Elapsed", t.start, t.end);
-}

@@ -1,5 +1,6 @@
-// Leveled logging with a per-thread stack of contexts, and the timing report
-// of one search. Depends on nothing else in the project.
+// Leveled logging with a per-thread stack of contexts, and helpers that log
+// durations and rates. Every stage logs, so this depends on nothing else in
+// the project.
 #pragma once
 
 #include <cstdint>
@@ -45,21 +46,3 @@ int log_level_parse(const char* text);
 void log_duration(int level, const char* label, int64_t seconds, int64_t nanoseconds);
 void log_interval(int level, const char* label, const timespec& start, const timespec& end);
 void log_rate(int level, const char* label, uint64_t count, int64_t seconds, int64_t nanoseconds);
-
-// Counters and time stamps of one search, all zero to start.
-struct search_timing {
-  timespec start{};
-  timespec pattern_done{};
-  timespec launched{};
-  timespec first_match{};
-  timespec first_result{};
-  timespec search_time{};
-  timespec end{};
-  uint64_t candidates = 0;
-  uint64_t pattern_matches = 0;
-  uint64_t results = 0;
-  uint64_t bytes_read = 0;
-  uint64_t pages_read = 0;
-};
-
-void log_search_timing(int level, const search_timing& timing);
