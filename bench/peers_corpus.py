@@ -45,6 +45,8 @@ UNPRONOUNCEABLE_RE = re.compile(r"[^aeiouy]{4}|^[^aeiouy]+$|(.)\1\1")
 # Nor should generated names be built from the adult-site vocabulary of those lists.
 UNWANTED_WORD_RE = re.compile(r"porn|sex|xxx|hentai|fuck|nude|milf|escort|adult")
 
+# Raise when the generator changes, so that a kept corpus is made anew.
+CORPUS_VERSION = 2
 EPOCH_2019 = 1546300800
 SIX_YEARS = 6 * 365 * 86400
 
@@ -180,7 +182,7 @@ class NameMaker:
         self.isps = self.rng.sample(self.real_parents, min(200, len(self.real_parents)))
         self.kinds = [(self.prefixed, 28), (self.domain, 20), (self.numbered, 18),
                       (self.hashed, 14), (self.deep, 12), (self.dga, 3), (self.underscore, 1),
-                      (self.dynamic, 1), (self.punycode, 0.5), (self.lookalike, 0.3)]
+                      (self.dynamic, 1), (self.punycode, 0.4), (self.lookalike, 0.3)]
         self.kind_fns = [k for k, _ in self.kinds]
         self.kind_weights = [w for _, w in self.kinds]
 
@@ -219,7 +221,7 @@ class NameMaker:
             return f"{d}.{c}.{b}.{a}.{rng.choice(self.isps)}"
         if r < 0.75:
             return f"ip-{a}-{b}-{c}-{d}.{rng.choice(REGIONS)}.compute.{rng.choice(self.hosting)}"
-        if r < 0.97:
+        if r < 0.98:
             role = rng.choice(["srv", "node", "web", "db", "app", "mx", "cache", "edge"])
             return f"{role}{rng.randint(1, 9999)}.{self.parent()}"
         return f"login{rng.randint(1, 99)}.{self.parent()}"
@@ -359,7 +361,7 @@ def build(work_dir, observations, seed, log):
     if os.path.exists(stamp_path):
         with open(stamp_path) as f:
             stamp = json.load(f)
-        if stamp["observations"] == observations and stamp["seed"] == seed:
+        if (stamp.get("version"), stamp["observations"], stamp["seed"]) == (CORPUS_VERSION, observations, seed):
             log(f"reusing the corpus in {work_dir}")
             return stamp
     cache = os.path.join(work_dir, "packages")
@@ -374,7 +376,7 @@ def build(work_dir, observations, seed, log):
         f.write("\n".join(names) + "\n")
     log(f"writing {observations:,} observations")
     write_observations(rng, names, observations, os.path.join(work_dir, "corpus.jsonl"))
-    stamp = {"observations": observations, "seed": seed, "names": len(names),
+    stamp = {"version": CORPUS_VERSION, "observations": observations, "seed": seed, "names": len(names),
              "real_names": len(real), "real_per_source": per_source}
     with open(stamp_path, "w") as f:
         json.dump(stamp, f, indent=1)
