@@ -6,7 +6,7 @@ ASAN_BUILD ?= build-asan
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 60
 
-.PHONY: all build programs asan check test demo fuzz bench clean bootstrap
+.PHONY: all build programs asan check test demo fuzz bench peers clean bootstrap
 MAKEFLAGS += --no-print-directory
 
 all: build
@@ -51,6 +51,12 @@ bench: bootstrap
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DVORN_BENCH=ON >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
 	@scripts/bench $(BUILD)
+
+# vornsearch against ripgrep, grep, codesearch and PostgreSQL over 5 M generated
+# observations (installs the peers with apt; takes a quarter of an hour).
+# PEERS_ARGS="--observations 500000" for a quick run.
+peers: programs
+	@bench/peers --build $(BUILD) $(PEERS_ARGS)
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
