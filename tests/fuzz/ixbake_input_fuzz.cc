@@ -1,5 +1,6 @@
 // Feeds arbitrary bytes to ixbake's readers: as one JSON observation (whose
-// names and record data then go through the DNS parser) and as a zone file.
+// names and record data then go through the DNS parser), as a JSON array
+// of them, and as a zone file.
 // Bad input must give a reason, never a crash; keys must never hold a tab or
 // a line break, since the index's line format relies on that.
 #include <stdbool.h>  // before ldns, which otherwise defines bool itself
@@ -15,6 +16,7 @@
 
 #include "tools/ixbake/dns_text.h"
 #include "tools/ixbake/input.h"
+#include "tools/ixbake/json_array.h"
 #include "tools/ixbake/json_record.h"
 #include "tools/ixbake/zone_reader.h"
 
@@ -43,13 +45,46 @@ void fuzz_json(const uint8_t* data, size_t size) {
   }
 }
 
-void fuzz_zone(const uint8_t* data, size_t size) {
-  int fd = memfd_create("zone", 0);
-  if (fd < 0) return;
-  if (write(fd, data, size) != static_cast<ssize_t>(size)) {
+// The bytes as a file for the readers; -1 when that fails.
+int as_file(const uint8_t* data, size_t size) {
+  const int fd = memfd_create("input", 0);
+  if (fd >= 0 && write(fd, data, size) != static_cast<ssize_t>(size)) {
     close(fd);
-    return;
+    return -1;
   }
+  return fd;
+}
+
+// Each element must come back as one line, each problem with a reason.
+void fuzz_array(const uint8_t* data, size_t size) {
+  const int fd = as_file(data, size);
+  if (fd < 0) return;
+  std::string err;
+  auto in = input_reader::open("/proc/self/fd/" + std::to_string(fd), err);
+  if (in) {
+    json_array_reader reader(*in, [](uint64_t, const std::string& reason) {
+      if (reason.empty()) abort();
+    });
+    line_chunk chunk;
+    while (reader.next_chunk(chunk, 256)) {
+      const std::string_view lines(chunk.data.data(), chunk.size);
+      size_t count = 0;
+      for (char c : lines) count += c == '\n';
+      if (count != chunk.line_numbers.size() || lines.empty() || lines.back() != '\n') abort();
+      std::string_view rest = lines;
+      while (!rest.empty()) {
+        const size_t nl = rest.find('\n');
+        fuzz_json(reinterpret_cast<const uint8_t*>(rest.data()), nl);
+        rest.remove_prefix(nl + 1);
+      }
+    }
+  }
+  close(fd);
+}
+
+void fuzz_zone(const uint8_t* data, size_t size) {
+  const int fd = as_file(data, size);
+  if (fd < 0) return;
   std::string err;
   auto in = input_reader::open("/proc/self/fd/" + std::to_string(fd), err);
   if (in) {
@@ -75,9 +110,11 @@ void fuzz_zone(const uint8_t* data, size_t size) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
-  // The first byte chooses the reader, so one corpus serves both.
+  // The first byte chooses the reader, so one corpus serves them all.
   if (data[0] & 1)
     fuzz_zone(data + 1, size - 1);
+  else if (data[0] & 2)
+    fuzz_array(data + 1, size - 1);
   else
     fuzz_json(data + 1, size - 1);
   return 0;

@@ -1,5 +1,7 @@
 #include "json_array.h"
 
+#include <array>
+
 namespace {
 
 bool blank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
@@ -8,7 +10,33 @@ bool blank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 // forbids, so the element still fails to parse and its line stays whole.
 constexpr char LINE_FEED_IN_STRING = '\x01';
 
+// The bytes that can change what the reader does; runs of other bytes in
+// an element are copied whole.
+constexpr auto SPECIAL = [] {
+  std::array<bool, 256> special{};
+  for (unsigned char c : std::string_view("\"\\{}[],\n")) special[c] = true;
+  return special;
+}();
+
 }  // namespace
+
+void json_array_reader::take_run() {
+  size_t run = 0;
+  while (run < pending_.size() && !SPECIAL[static_cast<unsigned char>(pending_[run])]) ++run;
+  if (run == 0) return;
+  last_was_line_feed_ = false;
+  if (!overlong_) add_text(pending_.substr(0, run));
+  pending_.remove_prefix(run);
+}
+
+void json_array_reader::add_text(std::string_view text) {
+  text_ += text;
+  if (text_.size() > MAX_LINE) {
+    // Skip the rest of it without holding it.
+    overlong_ = true;
+    std::string().swap(text_);
+  }
+}
 
 bool json_array_reader::next_chunk(line_chunk& chunk, size_t target) {
   chunk.first_line = 0;
@@ -19,6 +47,8 @@ bool json_array_reader::next_chunk(line_chunk& chunk, size_t target) {
       finish_input();
     } else {
       while (!pending_.empty()) {
+        if (state_ == state::element && !escaped_) take_run();
+        if (pending_.empty()) break;
         const char c = pending_.front();
         pending_.remove_prefix(1);
         if (take(c)) break;
@@ -77,6 +107,10 @@ bool json_array_reader::take(char c) {
     case state::done:
       return false;
   }
+  return take_in_element(c);
+}
+
+bool json_array_reader::take_in_element(char c) {
   if (in_string_) {
     if (escaped_) {
       escaped_ = false;
@@ -96,13 +130,8 @@ bool json_array_reader::take(char c) {
   } else if ((c == '}' || c == ']') && depth_ > 0) {
     --depth_;
   }
-  if (overlong_) return false;
-  text_ += c != '\n' ? c : in_string_ ? LINE_FEED_IN_STRING : ' ';
-  if (text_.size() > MAX_LINE) {
-    // Skip the rest of it without holding it.
-    overlong_ = true;
-    std::string().swap(text_);
-  }
+  const char byte = c != '\n' ? c : in_string_ ? LINE_FEED_IN_STRING : ' ';
+  if (!overlong_) add_text(std::string_view(&byte, 1));
   return false;
 }
 

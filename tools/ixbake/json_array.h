@@ -28,6 +28,10 @@ class json_array_reader {
   enum class state { before, between, element, after, done };
   // Takes one byte; true when it ended an element.
   bool take(char c);
+  bool take_in_element(char c);
+  // Takes the bytes up to the next one that matters.
+  void take_run();
+  void add_text(std::string_view text);
   void end_element(state next);
   void finish_input();
 

@@ -62,27 +62,22 @@ const option long_options[] = {
     {"version", no_argument, nullptr, OPT_VERSION},     {nullptr, 0, nullptr, 0},
 };
 
-bool parse_format(const std::string& arg, input_format& out, std::string& err) {
-  for (auto [name, format] : {std::pair{"auto", input_format::detect}, {"json", input_format::json},
-                              {"zone", input_format::zone}, {"lines", input_format::lines}}) {
+// One of a fixed set of words.
+template <class T>
+bool parse_choice(const char* option, const std::string& arg, std::initializer_list<std::pair<const char*, T>> choices,
+                  T& out, std::string& err) {
+  std::string names;
+  size_t i = 0;
+  for (const auto& [name, value] : choices) {
     if (arg == name) {
-      out = format;
+      out = value;
       return true;
     }
+    names += i == 0 ? "" : i + 1 == choices.size() ? " or " : ", ";
+    names += name;
+    ++i;
   }
-  err = "--format must be auto, json, zone or lines, not '" + arg + "'";
-  return false;
-}
-
-bool parse_kind(const std::string& arg, index_kind& out, std::string& err) {
-  for (auto [name, kind] : {std::pair{"both", index_kind::both}, {"rrname", index_kind::rrname},
-                            {"rdata", index_kind::rdata}}) {
-    if (arg == name) {
-      out = kind;
-      return true;
-    }
-  }
-  err = "--kind must be both, rrname or rdata, not '" + arg + "'";
+  err = std::string(option) + " must be " + names + ", not '" + arg + "'";
   return false;
 }
 
@@ -154,9 +149,15 @@ bool apply_option(int c, const std::string& arg, bake_options& out, std::string&
       out.sync = false;
       return true;
     case OPT_FORMAT:
-      return parse_format(arg, out.format, err);
+      return parse_choice("--format", arg,
+                          {std::pair{"auto", input_format::detect}, {"json", input_format::json},
+                           {"zone", input_format::zone}, {"lines", input_format::lines}},
+                          out.format, err);
     case OPT_KIND:
-      return parse_kind(arg, out.kind, err);
+      return parse_choice("--kind", arg,
+                          {std::pair{"both", index_kind::both}, {"rrname", index_kind::rrname},
+                           {"rdata", index_kind::rdata}},
+                          out.kind, err);
     case OPT_TIME:
       return parse_time(arg, out, err);
     case OPT_ORIGIN:
