@@ -1,5 +1,5 @@
-// ixbake: builds owner-name and rdata index files from passive-DNS JSON
-// lines, zone files or record lines.
+// ixbake: builds owner-name and rdata index files from passive-DNS
+// observations (JSON), zone files or record lines.
 #pragma once
 
 #include <cstdint>
