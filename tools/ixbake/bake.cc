@@ -194,8 +194,9 @@ bool check_reading(const bake_options& opts, const reporter& rep, std::string& e
     err = "no records were read";
   } else if (skipped == records) {
     err = records == 1 ? "the one record read was bad" : "all " + std::to_string(records) + " records read were bad";
+  } else {
+    return true;
   }
-  if (err.empty()) return true;
   err += NOTHING_WRITTEN;
   return false;
 }
@@ -232,10 +233,9 @@ bool write_outputs(std::vector<output_file>& outputs, aggregator& all, const bak
     });
   }
   for (auto& t : writers) t.join();
-  for (auto& o : outputs) {
-    if (!o.ok && err.empty()) err = o.err;
-  }
-  if (err.empty()) return true;
+  const auto failed = std::find_if(outputs.begin(), outputs.end(), [](const output_file& o) { return !o.ok; });
+  if (failed == outputs.end()) return true;
+  err = failed->err;
   for (auto& o : outputs) unlink(o.tmp.c_str());
   err += NOTHING_WRITTEN;
   return false;

@@ -120,12 +120,14 @@ bool parse_threads(const std::string& arg, unsigned& out, std::string& err) {
 bool parse_path(const char* option, const char* what, const std::string& arg, std::string& out, std::string& err) {
   if (arg.empty()) {
     err = std::string(option) + " needs " + what;
-  } else if (holds_control_byte(arg)) {
-    err = std::string(option) + " " + visible_text(arg) + ": file names with control characters are refused";
-  } else {
-    out = arg;
+    return false;
   }
-  return err.empty();
+  if (holds_control_byte(arg)) {
+    err = std::string(option) + " " + visible_text(arg) + ": file names with control characters are refused";
+    return false;
+  }
+  out = arg;
+  return true;
 }
 
 // Applies one option of getopt's; false with a message in `err`.
@@ -174,10 +176,13 @@ bool apply_option(int c, const std::string& arg, bake_options& out, std::string&
 bool check_options(const bake_options& out, std::string& err) {
   if (out.prefix.empty()) {
     err = "an output prefix is required (-o PREFIX)";
-  } else if (out.format == input_format::lines && out.kind == index_kind::both) {
-    err = "--format lines needs --kind rrname or --kind rdata";
+    return false;
   }
-  return err.empty();
+  if (out.format == input_format::lines && out.kind == index_kind::both) {
+    err = "--format lines needs --kind rrname or --kind rdata";
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
