@@ -45,65 +45,54 @@ void fuzz_json(const uint8_t* data, size_t size) {
   }
 }
 
-// The bytes as a file for the readers; -1 when that fails.
-int as_file(const uint8_t* data, size_t size) {
+// Runs `read` on the bytes opened as an input file.
+template <class Read>
+void as_input(const uint8_t* data, size_t size, Read&& read) {
   const int fd = memfd_create("input", 0);
-  if (fd >= 0 && write(fd, data, size) != static_cast<ssize_t>(size)) {
-    close(fd);
-    return -1;
+  if (fd < 0) return;
+  std::string err;
+  if (write(fd, data, size) == static_cast<ssize_t>(size)) {
+    if (auto in = input_reader::open("/proc/self/fd/" + std::to_string(fd), err)) read(*in);
   }
-  return fd;
+  close(fd);
 }
 
 // Each element must come back as one line, each problem with a reason.
-void fuzz_array(const uint8_t* data, size_t size) {
-  const int fd = as_file(data, size);
-  if (fd < 0) return;
-  std::string err;
-  auto in = input_reader::open("/proc/self/fd/" + std::to_string(fd), err);
-  if (in) {
-    json_array_reader reader(*in, [](uint64_t, const std::string& reason) {
-      if (reason.empty()) abort();
-    });
-    line_chunk chunk;
-    while (reader.next_chunk(chunk, 256)) {
-      const std::string_view lines(chunk.data.data(), chunk.size);
-      size_t count = 0;
-      for (char c : lines) count += c == '\n';
-      if (count != chunk.line_numbers.size() || lines.empty() || lines.back() != '\n') abort();
-      std::string_view rest = lines;
-      while (!rest.empty()) {
-        const size_t nl = rest.find('\n');
-        fuzz_json(reinterpret_cast<const uint8_t*>(rest.data()), nl);
-        rest.remove_prefix(nl + 1);
-      }
+void read_array(input_reader& in) {
+  json_array_reader reader(in, [](uint64_t, const std::string& reason) {
+    if (reason.empty()) abort();
+  });
+  line_chunk chunk;
+  while (reader.next_chunk(chunk, 256)) {
+    const std::string_view lines(chunk.data.data(), chunk.size);
+    size_t count = 0;
+    for (char c : lines) count += c == '\n';
+    if (count != chunk.line_numbers.size() || lines.empty() || lines.back() != '\n') abort();
+    std::string_view rest = lines;
+    while (!rest.empty()) {
+      const size_t nl = rest.find('\n');
+      fuzz_json(reinterpret_cast<const uint8_t*>(rest.data()), nl);
+      rest.remove_prefix(nl + 1);
     }
   }
-  close(fd);
 }
 
-void fuzz_zone(const uint8_t* data, size_t size) {
-  const int fd = as_file(data, size);
-  if (fd < 0) return;
+void read_zone(input_reader& in) {
+  static dns_parser dns;
+  zone_reader zone(in);
+  ldns_rr* rr = nullptr;
+  uint64_t line = 0;
   std::string err;
-  auto in = input_reader::open("/proc/self/fd/" + std::to_string(fd), err);
-  if (in) {
-    static dns_parser dns;
-    zone_reader zone(*in);
-    ldns_rr* rr = nullptr;
-    uint64_t line = 0;
-    for (int records = 0; records < 1000; ++records) {
-      zone_reader::result r = zone.next(rr, line, err);
-      if (r == zone_reader::END) break;
-      if (r == zone_reader::BAD) continue;
-      std::string owner;
-      std::vector<uint8_t> wire;
-      dns.take_rr(rr, owner, wire);
-      check_key(owner);
-      check_key(dns.rdata_text());
-    }
+  for (int records = 0; records < 1000; ++records) {
+    zone_reader::result r = zone.next(rr, line, err);
+    if (r == zone_reader::END) break;
+    if (r == zone_reader::BAD) continue;
+    std::string owner;
+    std::vector<uint8_t> wire;
+    dns.take_rr(rr, owner, wire);
+    check_key(owner);
+    check_key(dns.rdata_text());
   }
-  close(fd);
 }
 
 }  // namespace
@@ -112,9 +101,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   // The first byte chooses the reader, so one corpus serves them all.
   if (data[0] & 1)
-    fuzz_zone(data + 1, size - 1);
+    as_input(data + 1, size - 1, read_zone);
   else if (data[0] & 2)
-    fuzz_array(data + 1, size - 1);
+    as_input(data + 1, size - 1, read_array);
   else
     fuzz_json(data + 1, size - 1);
   return 0;
