@@ -10,6 +10,8 @@
 #include "dns_text.h"
 #include "input.h"
 #include "ixbake.h"
+#include "json_array.h"
+#include "json_record.h"
 #include "tests/support/temp_dir.h"
 #include "tgdb/record_line.h"
 #include "zone_reader.h"
@@ -118,6 +120,132 @@ TEST(IxbakeZone, RecordsAndErrorsInOrder) {
   EXPECT_EQ(got, want);
 }
 
+// Feeds write times and counts in several ways; each good case as
+// "first last count", each bad one as its message.
+TEST(IxbakeJson, TimesAndCountsInTheFormsFeedsWrite) {
+  const std::string head = R"({"rrname":"a.example","rrtype":"A","rdata":"192.0.2.1")";
+  const std::pair<std::string, std::string> cases[] = {
+      {R"(,"time_first":1,"time_last":2,"count":3})", "1 2 3"},
+      {R"(,"time_first":1,"time_last":2})", "1 2 1"},  // no count: seen once
+      {R"(,"zone_time_first":5,"zone_time_last":6})", "5 6 1"},
+      {R"(,"zone_time_first":5,"time_first":1,"zone_time_last":"junk","time_last":7})", "1 7 1"},
+      {R"(,"time_first":1,"zone_time_last":9})", "1 9 1"},
+      {R"(,"time_first":"2025-12-01T00:00:00Z","time_last":"2025-12-01 01:00"})", "1764547200 1764550800 1"},
+      {R"(,"time_first":"2025-12-01T08:00:00+08:00","time_last":"2025-12-01"})", "1764547200 1764547200 1"},
+      {R"(,"time_first":"1970-01-01T00:00:00Z","time_last":"2106-02-07T06:28:15Z"})", "0 4294967295 1"},
+      {R"(,"time_last":2})", "missing \"time_first\""},
+      {R"(,"zone_time_first":1})", "missing \"time_last\""},
+      {R"(,"time_first":"1969-12-31T23:59:59Z","time_last":2})",
+       "\"time_first\" must be a whole number of seconds from 0 to 4294967295, or an ISO 8601 time from 1970 to 2106"},
+      {R"(,"time_first":1,"zone_time_last":"2106-02-07T06:28:16Z"})", "\"zone_time_last\" must be a whole number"},
+      {R"(,"time_first":1,"time_last":"yesterday"})", "\"time_last\" must be a whole number"},
+      {R"(,"zone_time_first":3,"zone_time_last":2})", "\"zone_time_last\" is before \"zone_time_first\""},
+      {R"(,"time_first":1,"time_last":2,"count":0})", "\"count\" must be a positive integer"},
+      {R"(,"time_first":1,"time_last":2,"count":"3"})", "\"count\" must be a positive integer"},
+  };
+  json_line_parser parser;
+  for (const auto& [tail, want] : cases) {
+    std::string text = head + tail;
+    const size_t length = text.size();
+    text.resize(length + json_line_parser::padding());
+    json_record rec;
+    std::string err;
+    const bool ok = parser.parse(text.data(), length, text.size(), rec, err);
+    const std::string got = ok ? std::to_string(rec.time_first) + " " + std::to_string(rec.time_last) + " " +
+                                     std::to_string(rec.count)
+                               : err;
+    EXPECT_TRUE(got.starts_with(want)) << tail << "\n got " << got;
+  }
+}
+
+// A JSON array cut into elements: each good one as "LINE: TEXT" as the
+// workers get it, each problem between them as "!LINE: reason".
+TEST(IxbakeJson, ArraysAreCutIntoTheirElements) {
+  const std::pair<std::string, std::vector<std::string>> cases[] = {
+      {"[]", {}},
+      {" \n[ {\"a\":1} , {\"b\":[1,{\"c\":\"]\"}]},\n\n  {\"d\":\",}\\\"\"}\n]\n",
+       {"2: {\"a\":1}", "2: {\"b\":[1,{\"c\":\"]\"}]}", "4: {\"d\":\",}\\\"\"}"}},
+      // Pretty-printed: line feeds between members become spaces.
+      {"[\n  {\n    \"a\": 1\n  },\n  {\n    \"b\": 2\n  }\n]", {"2: {     \"a\": 1   }", "5: {     \"b\": 2   }"}},
+      // Inside a string a line feed stays invalid.
+      {"[{\"a\":\"x\ny\"}]", {"1: {\"a\":\"x\001y\"}"}},
+      {"[1, \"s\", {}]", {"1: 1", "1: \"s\"", "1: {}"}},
+      {"[{},,{}]", {"1: {}", "1: {}", "!1: an empty element in the array"}},
+      {"[{},\n]", {"1: {}", "!2: an empty element in the array"}},
+      {"[{} {}]", {"1: {} {}"}},  // a missing comma makes one bad element
+      {"[{}]\n{}\n", {"1: {}", "!2: data after the end of the array"}},
+      {"[{},\n{}\n", {"1: {}", "2: {}", "!2: the input ends inside the array (no closing ']')"}},
+      {"[{},\n{\"a\":[1,\n", {"1: {}", "!2: the input ends inside the array (no closing ']')"}},
+      {"[{\"a\":\"]", {"!1: the input ends inside the array (no closing ']')"}},
+  };
+  temp_dir dir;
+  for (const auto& [text, want] : cases) {
+    for (size_t target : {size_t{1}, size_t{1} << 20}) {  // a chunk per element, or all in one
+      std::string err;
+      auto in = input_reader::open(dir.write("a.json", text), err);
+      ASSERT_TRUE(in) << err;
+      std::vector<std::string> got;
+      json_array_reader reader(*in, [&](uint64_t line, const std::string& reason) {
+        got.push_back(std::string("!").append(std::to_string(line)).append(": ").append(reason));
+      });
+      line_chunk chunk;
+      while (reader.next_chunk(chunk, target)) {
+        std::string_view lines(chunk.data.data(), chunk.size);
+        for (size_t i = 0; !lines.empty(); ++i) {
+          const size_t nl = lines.find('\n');
+          got.push_back(std::to_string(chunk.line_number(i)) + ": " + std::string(lines.substr(0, nl)));
+          lines.remove_prefix(nl + 1);
+        }
+      }
+      // Problems are reported as they are met, elements when their chunk is done.
+      std::stable_partition(got.begin(), got.end(), [](auto& g) { return g[0] != '!'; });
+      EXPECT_EQ(got, want) << text;
+    }
+  }
+}
+
+// Where relative names end: each record's owner, "?LINE" where the reader
+// warns that a relative name lands at the root (once), "!LINE: reason" for
+// a bad one.
+TEST(IxbakeZone, OriginsAndRelativeNamesAtTheRoot) {
+  const std::tuple<std::string, std::string, std::vector<std::string>> cases[] = {  // zone, --origin, want
+      {"a.example. A 192.0.2.1\nb A 192.0.2.1\nc A 192.0.2.1\n", "", {"a.example", "?2", "b", "c"}},
+      {"@ A 192.0.2.1\n", "", {"?1", "."}},
+      {"a\\. A 192.0.2.1\n", "", {"?1", "a\\."}},
+      {"b A 192.0.2.1\n", "example", {"b.example"}},
+      {"$ORIGIN example.\nb A 192.0.2.1\n", "", {"b.example"}},
+      {"$ORIGIN example\nb A 192.0.2.1\n", "", {"b.example"}},
+      {"a.example. A 192.0.2.1\n\tA 192.0.2.2\n", "", {"a.example", "a.example"}},  // an omitted owner is the last one
+      // A bad $ORIGIN changes nothing, and says so.
+      {"$ORIGIN one.example. two.example.\nb A 192.0.2.1\n", "x",
+       {"!1: $ORIGIN takes one domain name and nothing after it", "b.x"}},
+      {"$ORIGIN a..b\nb A 192.0.2.1\n", "", {"!1: $ORIGIN needs a domain name", "?2", "b"}},
+  };
+  temp_dir dir;
+  for (const auto& [zone, origin, want] : cases) {
+    std::string err, owner;
+    auto in = input_reader::open(dir.write("z", zone), err);
+    ASSERT_TRUE(in) << err;
+    zone_reader zr(*in);
+    ASSERT_TRUE(zr.set_origin(origin, err)) << err;
+    std::vector<std::string> got;
+    zr.on_relative_name_at_root([&](uint64_t line) { got.push_back(std::string("?").append(std::to_string(line))); });
+    dns_parser dns;
+    ldns_struct_rr* rr = nullptr;
+    std::vector<uint8_t> wire;
+    uint64_t line = 0;
+    for (zone_reader::result r; (r = zr.next(rr, line, err)) != zone_reader::END;) {
+      if (r == zone_reader::BAD) {
+        got.push_back(std::string("!").append(std::to_string(line)).append(": ").append(err));
+      } else {
+        dns.take_rr(rr, owner, wire);
+        got.push_back(owner);
+      }
+    }
+    EXPECT_EQ(got, want) << zone;
+  }
+}
+
 TEST(IxbakeSetFile, CreatesAppendsAndSkipsListedFiles) {
   temp_dir dir, other;
   const std::string set = dir.file("all.set"), a = dir.write("a.tgdb", "x"), b = dir.write("b.tgdb", "x");
@@ -134,6 +262,11 @@ TEST(IxbakeSetFile, CreatesAppendsAndSkipsListedFiles) {
   std::filesystem::create_symlink(set, dir.file("link.set"));
   ASSERT_TRUE(add_to_set_file(dir.file("link.set"), {c, dir.write("d.tgdb", "x")}, err)) << err;
   EXPECT_TRUE(std::filesystem::is_symlink(dir.file("link.set")));
+  EXPECT_EQ(read_file(set), "./a.tgdb\nstale.tgdb\nb.tgdb\n" + c + "\nd.tgdb\n");
+  // A name that would make two lines is refused, and the list stays as it was.
+  std::filesystem::create_directories(dir.file("odd\ndir"));
+  EXPECT_FALSE(add_to_set_file(set, {a, dir.write("odd\ndir/e.tgdb", "x")}, err));
+  EXPECT_EQ(err, "cannot list " + dir.path() + "/odd\\ndir/e.tgdb in a set file: its name holds a control character");
   EXPECT_EQ(read_file(set), "./a.tgdb\nstale.tgdb\nb.tgdb\n" + c + "\nd.tgdb\n");
 }
 

@@ -10,6 +10,7 @@
 #include <random>
 #include <sstream>
 
+#include "libmy/version.h"
 #include "tests/support/property.h"
 #include "tests/support/run_binary.h"
 #include "tests/support/temp_dir.h"
@@ -180,9 +181,32 @@ TEST(Ixbake, BadRecordsAreReportedCountedAndSkipped) {
   EXPECT_TRUE(std::filesystem::is_empty(out.path()));
 }
 
-// Compressed, on standard input, split over files and threads, or as the
-// files' own record lines (reordered, one kind at a time): the same records
-// bake to the same bytes. Set files list each run's files, a kind apart.
+// The sample as a feed writes it: one pretty-printed array, the zone's
+// times where the own ones are missing, ISO 8601 times, no count of 1.
+std::string as_feed(const std::string& json_lines) {
+  std::string out = "[\n";
+  std::istringstream in(json_lines);
+  for (std::string line; std::getline(in, line);) {
+    const auto replace = [&](const std::string& from, const std::string& to) {
+      if (const size_t at = line.find(from); at != std::string::npos) line.replace(at, from.size(), to);
+    };
+    replace(",\"count\":1}", "}");
+    replace("\"time_first\"", "\"zone_time_first\"");
+    const size_t at = line.find("\"time_last\":") + 12, end = line.find_first_not_of("0123456789", at);
+    const time_t t = std::stol(line.substr(at, end - at));
+    char iso[32];
+    strftime(iso, sizeof iso, "\"%Y-%m-%dT%H:%M:%SZ\"", gmtime(&t));
+    line.replace(at, end - at, iso);
+    replace(",", ",\n    ");
+    out += (out.size() > 2 ? ",\n  " : "  ") + line;
+  }
+  return out + "\n]\n";
+}
+
+// Compressed, on standard input, split over files and threads, as a feed
+// writes it, or as the files' own record lines (reordered, one kind at a
+// time): the same records bake to the same bytes. Set files list each run's
+// files, a kind apart.
 TEST(Ixbake, EveryRouteToTheSameRecordsGivesTheSameFiles) {
   temp_dir dir;
   const std::string sample = VORN_SOURCE_DIR "/data/sample-pdns.jsonl", text = read_file(sample);
@@ -220,11 +244,12 @@ TEST(Ixbake, EveryRouteToTheSameRecordsGivesTheSameFiles) {
   ASSERT_EQ(ixbake({"-o", dir.file("members"), dir.file("members.gz")}).status, 0);
   ASSERT_EQ(ixbake({"-o", dir.file("marked"), "-"}, "\xef\xbb\xbf" + text).status, 0);  // byte-order mark
   ASSERT_EQ(ixbake({"--threads", "3", "-o", dir.file("split"), p2, p1}).status, 0);
+  ASSERT_EQ(ixbake({"-o", dir.file("feed"), dir.write("feed.json", as_feed(text))}).status, 0);
   const std::string lines = dir.file("lines"), rr_path = dir.write("rr.txt", join_lines(rr));
   ASSERT_EQ(ixbake({"--kind", "rrname", "--fileset", set, "-o", lines, rr_path}).status, 0);
   ASSERT_EQ(ixbake({"--kind", "rdata", "--format", "lines", "--fileset", set, "-o", lines, rd_path}).status, 0);
   for (const std::string kind : {".rrname.tgdb", ".rdata.tgdb"})
-    for (const std::string other : {"gz", "stdin", "members", "marked", "split", "lines"})
+    for (const std::string other : {"gz", "stdin", "members", "marked", "split", "feed", "lines"})
       EXPECT_EQ(read_file(dir.file(other + kind)), read_file(dir.file("plain" + kind))) << other << kind;
   EXPECT_EQ(read_file(set), "gz.rrname.tgdb\nstdin.rrname.tgdb\nlines.rrname.tgdb\nlines.rdata.tgdb\n");
   EXPECT_EQ(read_file(set + ".rdata"), "gz.rdata.tgdb\nstdin.rdata.tgdb\n");
@@ -255,6 +280,10 @@ TEST(Ixbake, MistakesAreFoundBeforeAnythingIsWritten) {
        "ixbake: cannot write in " + dir.file("none") + ": No such file or directory\n"},
       {{"--fileset", dir.file("sets/n.set"), "-o", t},
        "ixbake: cannot use " + dir.file("sets/n.set.rdata") + " as a set file: not a regular file\n"},
+      // A set file lists one file a line: no name may hold a line feed, nor any other control character.
+      {{"-o", dir.file("a\nb")}, "ixbake: -o " + dir.file("a\\nb") + ": file names with control characters are refused\n"},
+      {{"--fileset", dir.file("s\x1b.set"), "-o", t},
+       "ixbake: --fileset " + dir.file("s\\x1b.set") + ": file names with control characters are refused\n"},
   };
   for (auto [args, message] : cases) {
     args.insert(args.begin(), in);
@@ -269,6 +298,89 @@ TEST(Ixbake, MistakesAreFoundBeforeAnythingIsWritten) {
   const auto h = run_binary(IXBAKE_BIN, {"-h"});
   EXPECT_EQ(h.status, 0);
   EXPECT_NE(h.out.find("SETFILE.rdata"), std::string::npos);
+  const auto v = run_binary(IXBAKE_BIN, {"--version", "-o"});
+  EXPECT_EQ(std::tie(v.status, v.out, v.err), std::make_tuple(0, std::string("ixbake ") + VORN_VERSION + "\n", ""));
+}
+
+// Everything in a directory: each file's name and bytes.
+std::map<std::string, std::string> snapshot(const std::string& dir) {
+  std::map<std::string, std::string> files;
+  for (const auto& e : std::filesystem::directory_iterator(dir)) files[e.path().filename()] = read_file(e.path());
+  return files;
+}
+
+// A run that accepts no record leaves the index and the set files as they
+// were, and says why with status 1; an index file given as input is refused
+// in one line rather than read as a mass of bad records.
+TEST(Ixbake, RunsThatAcceptNoRecordReplaceNothing) {
+  temp_dir dir;
+  const std::string t = dir.file("t"), set = dir.file("t.set"), index = t + ".rrname.tgdb";
+  ASSERT_EQ(ixbake({"--fileset", set, "-o", t, "-"}, one_record).status, 0);
+  const std::string packed = dir.write("index.gz", "");
+  gzFile gz = gzopen(packed.c_str(), "wb");
+  const std::string index_bytes = read_file(index);
+  gzwrite(gz, index_bytes.data(), unsigned(index_bytes.size()));
+  gzclose(gz);
+  const std::string is_index = " is an index file, not DNS records (JSON observations, zone files or record lines)\n";
+  const std::tuple<std::vector<std::string>, std::string, std::string> cases[] = {  // arguments, input, message
+      {{"-"}, "", "ixbake: no records were read\n"},
+      {{"-"}, "\n \n", "ixbake: no records were read\n"},
+      {{"-"}, "[]", "ixbake: no records were read\n"},
+      {{"-"}, "{}\n", "ixbake: <stdin>:1: missing \"rrname\"\nixbake: the one record read was bad\n"},
+      {{"-"}, "{}\n[]\n", "ixbake: <stdin>:1: missing \"rrname\"\nixbake: <stdin>:2: not a JSON object\n"
+                           "ixbake: all 2 records read were bad\n"},
+      {{"--kind", "rdata", "--format", "lines", "-"}, "x\tjunk\n", "ixbake: <stdin>:1: not an rdata record line\n"
+                                              "ixbake: the one record read was bad\n"},
+      {{index}, "", "ixbake: " + index + is_index},
+      {{packed}, "", "ixbake: " + packed + is_index},
+      {{"--kind", "rrname", "--format", "lines", index}, "", "ixbake: " + index + is_index},
+  };
+  const auto before = snapshot(dir.path());
+  for (auto [args, input, message] : cases) {
+    args.insert(args.begin(), {"--fileset", set, "-o", t});
+    const auto r = ixbake(args, input);
+    EXPECT_EQ(r.status, 1) << message;
+    EXPECT_EQ(r.err, message + "ixbake: nothing written\n");
+    EXPECT_EQ(snapshot(dir.path()), before) << message;
+  }
+}
+
+// Record lines are taken as they are, so their keys are checked: a search
+// prints them to a terminal, where a control byte could act.
+TEST(Ixbake, RecordLineKeysWithControlBytesAreBadRecords) {
+  temp_dir dir;
+  const std::string value = "\t4:1,1:1";
+  const std::pair<std::string, std::string> cases[] = {  // key, message
+      {"\x1b]0;owned\x07x.example", "the key \"\\027]0;owned\\007x.example\" holds a control byte"},
+      {"x\x7f.example", "the key \"x\\127.example\" holds a control byte"},
+      {std::string("x\0.example", 10), "the key \"x\\000.example\" holds a control byte"},
+      {"x\r.example", "the key \"x\\013.example\" holds a control byte"},
+  };
+  std::string input = "good.example" + value + "\n", want;
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    input += cases[i].first + value + "\n";
+    want += "ixbake: <stdin>:" + std::to_string(i + 2) + ": " + cases[i].second + "\n";
+  }
+  const auto r = ixbake({"--threads", "1", "--kind", "rrname", "-o", dir.file("t")}, input);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.err, want + "ixbake: 5 records read, 4 skipped; wrote " + dir.file("t.rrname.tgdb") + " (1 lines)\n");
+  EXPECT_EQ(read_lines(dir.file("t.rrname.tgdb")), std::vector<std::string>{"good.example" + value});
+}
+
+// Relative names in a zone with no origin land at the root: said once for
+// each file that has them.
+TEST(Ixbake, ZoneFilesWithoutAnOriginAreWarnedOncePerFile) {
+  temp_dir dir;
+  const std::string relative = dir.write("relative.zone", "a.example. A 192.0.2.1\nb A 192.0.2.2\nc A 192.0.2.3\n");
+  const std::string absolute = dir.write("absolute.zone", "d.example. A 192.0.2.4\n");
+  const std::string again = dir.write("again.zone", "e A 192.0.2.5\n");
+  const auto r = ixbake({"--threads", "1", "--time", "1", "-o", dir.file("t"), relative, absolute, again});
+  EXPECT_EQ(r.status, 0);
+  const std::string warning = ": a relative name, and no origin given: taken as relative to the root "
+                              "(give --origin or $ORIGIN; said once per file)\n";
+  EXPECT_EQ(r.err.substr(0, r.err.find("ixbake: 5 records")),
+            "ixbake: " + relative + ":2" + warning + "ixbake: " + again + ":1" + warning);
+  EXPECT_EQ(ixbake({"--origin", "example", "-o", dir.file("t"), again}).err.find("relative name"), std::string::npos);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <ldns/ldns.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 
@@ -77,14 +78,22 @@ std::string quoted(std::string_view s) {
   return out + "\"";
 }
 
+namespace {
+bool control_byte(unsigned char c) { return c < 0x20 || c == 0x7f; }
+}  // namespace
+
+bool holds_control_byte(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), [](char c) { return control_byte(static_cast<unsigned char>(c)); });
+}
+
 void escape_control_bytes(std::string& text) {
   size_t i = 0;
-  while (i < text.size() && (static_cast<unsigned char>(text[i]) >= 0x20 && text[i] != 0x7f)) ++i;
+  while (i < text.size() && !control_byte(static_cast<unsigned char>(text[i]))) ++i;
   if (i == text.size()) return;
   std::string out(text, 0, i);
   for (; i < text.size(); ++i) {
     const unsigned char c = static_cast<unsigned char>(text[i]);
-    if (c < 0x20 || c == 0x7f) {
+    if (control_byte(c)) {
       char esc[8];
       snprintf(esc, sizeof esc, "\\%03u", unsigned(c));
       out += esc;

@@ -29,7 +29,9 @@ uint16_t parse_rrtype_name(std::string_view text);
 // The mnemonic the DNS library knows for `rrtype`, else "TYPEnnn".
 std::string rrtype_name(uint16_t rrtype);
 
-// Escapes control bytes (below 0x20, and 0x7f) as \DDD.
+// Whether `text` holds a control byte (below 0x20, or 0x7f).
+bool holds_control_byte(std::string_view text);
+// Escapes control bytes as \DDD.
 void escape_control_bytes(std::string& text);
 // `s` in double quotes for a message, cut at 60 bytes, control bytes escaped.
 std::string quoted(std::string_view s);

@@ -188,9 +188,17 @@ bool input_reader::next_line(std::string_view& line) {
   }
 }
 
+bool input_reader::next_bytes(std::string_view& bytes) {
+  if (begin_ == end_ && !fill()) return false;
+  bytes = {buf_.data() + begin_, end_ - begin_};
+  begin_ = end_;
+  return true;
+}
+
 bool input_reader::next_chunk(line_chunk& chunk, size_t target) {
   chunk.first_line = line_no_ + 1;
   chunk.data.clear();
+  chunk.line_numbers.clear();
   std::string_view line;
   while (chunk.data.size() < target && next_line(line)) {
     chunk.data.insert(chunk.data.end(), line.begin(), line.end());

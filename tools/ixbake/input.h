@@ -23,6 +23,13 @@ struct line_chunk {
   uint64_t first_line = 0;  // number of the chunk's first line (1-based)
   std::vector<char> data;   // lines, each ended by '\n', then CHUNK_PADDING zeros
   size_t size = 0;          // bytes of lines
+  // Each line's number, when they do not simply count up from first_line
+  // (records cut out of a document rather than lines of it).
+  std::vector<uint64_t> line_numbers;
+
+  uint64_t line_number(size_t index) const {
+    return line_numbers.empty() ? first_line + index : line_numbers[index];
+  }
 };
 
 class input_reader {
@@ -50,6 +57,10 @@ class input_reader {
   bool next_line(std::string_view& line);
   // The number of the line last returned.
   uint64_t line_number() const { return line_no_; }
+
+  // The next bytes, as many as are at hand (reading more when none are);
+  // valid until the next call. False at the end or on a read error.
+  bool next_bytes(std::string_view& bytes);
 
   // Fills `chunk` with whole lines, about `target` bytes (at least one line
   // unless at the end). False when nothing was left.

@@ -1,5 +1,5 @@
-// ixbake: builds owner-name and rdata index files from passive-DNS JSON
-// lines, zone files or record lines.
+// ixbake: builds owner-name and rdata index files from passive-DNS
+// observations (JSON), zone files or record lines.
 #pragma once
 
 #include <cstdint>
@@ -7,10 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "commit.h"
+
 enum class input_format { detect, json, zone, lines };
 enum class index_kind { both, rrname, rdata };
+// What the command line asks for.
+enum class bake_action { bake, help, version };
 
 struct bake_options {
+  bake_action action = bake_action::bake;
   bool quiet = false;   // no progress line
   bool strict = false;  // the first bad record ends the run, writing nothing
   input_format format = input_format::detect;
@@ -37,18 +42,31 @@ struct bake_stats {
 std::string rrname_path(const std::string& prefix);
 std::string rdata_path(const std::string& prefix);
 
-// Parses the command line. Returns -1 to go on, else the exit status to end
-// with (0 after -h; 1 after a message on standard error).
-int parse_bake_args(int argc, char** argv, bake_options& out);
+// Parses the command line into `out` (-h and --version only set
+// out.action). False with a message in `err` for a mistake in it.
+bool parse_bake_args(int argc, char** argv, bake_options& out, std::string& err);
 
-// Reads the inputs and writes the index files (and the set files). Reports
-// bad records and the summary on standard error. Returns the exit status.
-int bake(const bake_options& options, bake_stats* stats = nullptr);
+// Reads the inputs, writes the index files and lists them in the set files.
+// Reports bad records, warnings and the summary on standard error as it
+// goes. False when nothing was put in place, or when it could not be put
+// in place whole, with why in `err` (one or more lines).
+bool bake(const bake_options& options, std::string& err, bake_stats* stats = nullptr);
 
-// Adds `paths` to the set file `setfile` (created if missing), skipping
-// those already listed. The file is replaced by a rename, so a reader that
-// watches it sees the old list or the new one. False with a message in `err`.
+// Writes beside `setfile` the list it would hold with `paths` added
+// (created if missing; those already listed are skipped): `out.tmp` is
+// that file and `out.path` where it goes (for a link, its target). An
+// empty `out.tmp` means there is nothing to add. False with a message in
+// `err`.
+bool prepare_set_file(const std::string& setfile, const std::vector<std::string>& paths, replacement& out,
+                      std::string& err);
+
+// Adds `paths` to `setfile` at once, as above. The file is replaced by a
+// rename, so a reader that watches it sees the old list or the new one.
 bool add_to_set_file(const std::string& setfile, const std::vector<std::string>& paths, std::string& err);
+
+// The file a set file's update replaces: a symbolic link's target, so the
+// link keeps working. Empty (with `err`) for a link that leads nowhere.
+std::string set_file_target(const std::string& setfile, std::string& err);
 
 // Whether new files can be made in `dir`. False with a message in `err`.
 bool check_writable_dir(const std::string& dir, std::string& err);
@@ -59,4 +77,5 @@ bool check_writable_dir(const std::string& dir, std::string& err);
 bool check_set_file(const std::string& setfile, std::string& err);
 
 void bake_usage(FILE* out);
+// The program: its exit status.
 int ixbake_main(int argc, char** argv);

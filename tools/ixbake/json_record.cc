@@ -2,17 +2,29 @@
 
 #include <simdjson.h>
 
+#include <optional>
+
 #include "dns_text.h"
+#include "libmy/my_time.h"
 
 namespace sj = simdjson;
 namespace dom = simdjson::dom;
 
 namespace {
 
+// Seconds since the epoch, or an ISO 8601 text, within 32 bits.
 bool get_time(dom::element v, const char* name, uint32_t& out, std::string& err) {
   uint64_t t = 0;
-  if (v.get_uint64().get(t) != sj::SUCCESS || t > UINT32_MAX) {
-    err = std::string("\"") + name + "\" must be a whole number of seconds from 0 to 4294967295";
+  std::string_view text;
+  int64_t iso = 0;
+  bool ok = v.get_uint64().get(t) == sj::SUCCESS;
+  if (!ok && v.get_string().get(text) == sj::SUCCESS && parse_iso_time(text, iso) && iso >= 0) {
+    t = uint64_t(iso);
+    ok = true;
+  }
+  if (!ok || t > UINT32_MAX) {
+    err = std::string("\"") + name +
+          "\" must be a whole number of seconds from 0 to 4294967295, or an ISO 8601 time from 1970 to 2106";
     return false;
   }
   out = uint32_t(t);
@@ -85,6 +97,75 @@ json_line_parser::~json_line_parser() = default;
 
 size_t json_line_parser::padding() { return sj::SIMDJSON_PADDING; }
 
+namespace {
+
+// The members an observation is made of; others are ignored.
+struct members {
+  std::optional<dom::element> rrname, rrtype, rdata, count;
+  std::optional<dom::element> time_first, time_last, zone_time_first, zone_time_last;
+};
+
+members find_members(dom::object object) {
+  members m;
+  for (dom::key_value_pair field : object) {
+    const std::string_view key = field.key;
+    for (auto [name, slot] : {std::pair{"rrname", &m.rrname}, {"rrtype", &m.rrtype}, {"rdata", &m.rdata},
+                              {"count", &m.count}, {"time_first", &m.time_first}, {"time_last", &m.time_last},
+                              {"zone_time_first", &m.zone_time_first}, {"zone_time_last", &m.zone_time_last}}) {
+      if (key == name) *slot = field.value;
+    }
+  }
+  return m;
+}
+
+// A time from its own member, else from the zone's one; `used` names the one read.
+bool pick_time(const std::optional<dom::element>& own, const char* own_name, const std::optional<dom::element>& zone,
+               const char* zone_name, const char*& used, uint32_t& out, std::string& err) {
+  if (!own && !zone) {
+    err = std::string("missing \"") + own_name + "\"";
+    return false;
+  }
+  used = own ? own_name : zone_name;
+  return get_time(own ? *own : *zone, used, out, err);
+}
+
+bool get_count(const std::optional<dom::element>& v, uint64_t& out, std::string& err) {
+  if (!v) {
+    out = 1;  // a feed that does not count: each observation was seen once
+    return true;
+  }
+  if (v->get_uint64().get(out) != sj::SUCCESS || out == 0) {
+    err = "\"count\" must be a positive integer";
+    return false;
+  }
+  return true;
+}
+
+bool read_members(const members& m, json_record& out, std::string& err) {
+  const char* missing = !m.rrname ? "rrname" : !m.rrtype ? "rrtype" : !m.rdata ? "rdata" : nullptr;
+  if (missing) {
+    err = std::string("missing \"") + missing + "\"";
+    return false;
+  }
+  if (m.rrname->get_string().get(out.rrname) != sj::SUCCESS) {
+    err = "\"rrname\" must be a string";
+    return false;
+  }
+  const char *first = nullptr, *last = nullptr;
+  if (!get_type(*m.rrtype, out.rrtype, err) || !get_rdata(*m.rdata, out.rdata, err) ||
+      !pick_time(m.time_first, "time_first", m.zone_time_first, "zone_time_first", first, out.time_first, err) ||
+      !pick_time(m.time_last, "time_last", m.zone_time_last, "zone_time_last", last, out.time_last, err) ||
+      !get_count(m.count, out.count, err))
+    return false;
+  if (out.time_last < out.time_first) {
+    err = std::string("\"") + last + "\" is before \"" + first + "\"";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 bool json_line_parser::parse(const char* line, size_t length, size_t capacity, json_record& out, std::string& err) {
   out = json_record{};
   dom::element doc;
@@ -99,47 +180,5 @@ bool json_line_parser::parse(const char* line, size_t length, size_t capacity, j
     err = "not a JSON object";
     return false;
   }
-  bool have_name = false, have_type = false, have_rdata = false, have_first = false, have_last = false,
-       have_count = false;
-  for (dom::key_value_pair field : object) {
-    const std::string_view key = field.key;
-    const dom::element value = field.value;
-    if (key == "rrname") {
-      if (value.get_string().get(out.rrname) != sj::SUCCESS) {
-        err = "\"rrname\" must be a string";
-        return false;
-      }
-      have_name = true;
-    } else if (key == "rrtype") {
-      if (!get_type(value, out.rrtype, err)) return false;
-      have_type = true;
-    } else if (key == "rdata") {
-      out.rdata.clear();
-      if (!get_rdata(value, out.rdata, err)) return false;
-      have_rdata = true;
-    } else if (key == "time_first") {
-      if (!get_time(value, "time_first", out.time_first, err)) return false;
-      have_first = true;
-    } else if (key == "time_last") {
-      if (!get_time(value, "time_last", out.time_last, err)) return false;
-      have_last = true;
-    } else if (key == "count") {
-      if (value.get_uint64().get(out.count) != sj::SUCCESS || out.count == 0) {
-        err = "\"count\" must be a positive integer";
-        return false;
-      }
-      have_count = true;
-    }
-  }
-  const char* missing = !have_name ? "rrname" : !have_type ? "rrtype" : !have_rdata ? "rdata"
-                      : !have_first ? "time_first" : !have_last ? "time_last" : !have_count ? "count" : nullptr;
-  if (missing) {
-    err = std::string("missing \"") + missing + "\"";
-    return false;
-  }
-  if (out.time_last < out.time_first) {
-    err = "\"time_last\" is before \"time_first\"";
-    return false;
-  }
-  return true;
+  return read_members(find_members(object), out, err);
 }

@@ -1,8 +1,11 @@
-// One passive-DNS observation per line, as a JSON object:
+// One passive-DNS observation as a JSON object:
 //   {"rrname": "www.example.com.", "rrtype": "A", "rdata": ["192.0.2.1"],
 //    "time_first": 1700000000, "time_last": 1700003600, "count": 3}
 // "rrtype" is a mnemonic, "TYPEnnn" or a number; "rdata" is one presentation
-// text or an array of them (one observation each). Other members are ignored.
+// text or an array of them (one observation each). Times are seconds since
+// the epoch or ISO 8601 texts; "zone_time_first" and "zone_time_last" stand
+// in for absent "time_first" and "time_last". Without "count" the
+// observation counts once. Other members are ignored.
 #pragma once
 
 #include <cstdint>

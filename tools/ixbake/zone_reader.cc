@@ -117,6 +117,7 @@ bool zone_reader::set_origin(const std::string& origin, std::string& err) {
   }
   ldns_rdf_deep_free(impl_->origin);
   impl_->origin = rdf;
+  origin_given_ = true;
   return true;
 }
 
@@ -198,6 +199,10 @@ zone_reader::result zone_reader::directive(const std::string& text, std::string&
   const std::string name = word_at(text, pos);
   if (strcasecmp(name.c_str(), "$ORIGIN") == 0) {
     const std::string arg = word_at(text, pos);
+    if (!word_at(text, pos).empty()) {
+      err = "$ORIGIN takes one domain name and nothing after it";
+      return BAD;
+    }
     ldns_rdf* rdf = nullptr;
     const ldns_status s = arg.empty() ? LDNS_STATUS_SYNTAX_ERR : impl_->name(arg, rdf);
     if (s != LDNS_STATUS_OK) {
@@ -206,6 +211,7 @@ zone_reader::result zone_reader::directive(const std::string& text, std::string&
     }
     ldns_rdf_deep_free(impl_->origin);
     impl_->origin = rdf;
+    origin_given_ = true;
     return RECORD;
   }
   if (strcasecmp(name.c_str(), "$TTL") == 0) {
@@ -221,6 +227,15 @@ zone_reader::result zone_reader::directive(const std::string& text, std::string&
   }
   err = "the directive " + name + " is not supported";
   return BAD;
+}
+
+void zone_reader::notice_relative_owner(const std::string& text, uint64_t line) {
+  if (origin_given_ || !relative_at_root_) return;
+  size_t pos = 0;
+  const std::string owner = word_at(text, pos);
+  if (owner != "@" && ldns_dname_str_absolute(owner.c_str())) return;
+  relative_at_root_(line);
+  relative_at_root_ = nullptr;  // once is enough
 }
 
 zone_reader::result zone_reader::next(ldns_rr*& rr, uint64_t& line, std::string& err) {
@@ -247,6 +262,7 @@ zone_reader::result zone_reader::next(ldns_rr*& rr, uint64_t& line, std::string&
       return BAD;
     }
     if (!normalize_record_head(text, err)) return BAD;
+    if (first == 0) notice_relative_owner(text, line);
     const ldns_status s = ldns_rr_new_frm_str(&rr, text.c_str(), impl_->ttl, impl_->origin, &impl_->prev);
     if (s != LDNS_STATUS_OK) {
       rr = nullptr;

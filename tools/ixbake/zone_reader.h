@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -22,6 +23,11 @@ class zone_reader {
   // taken relative to the root. False with a reason when it does not parse.
   bool set_origin(const std::string& origin, std::string& err);
 
+  // Called once, with the line, at the first record whose owner name is
+  // relative while nothing gave an origin (neither set_origin nor
+  // $ORIGIN): it lands under the root, which is seldom what was meant.
+  void on_relative_name_at_root(std::function<void(uint64_t line)> f) { relative_at_root_ = std::move(f); }
+
   enum result { RECORD, BAD, END };
   // The next record (owned by the caller), or a bad one with its line
   // number and reason, or the end of the input.
@@ -31,8 +37,11 @@ class zone_reader {
   // Reads the lines of one entry, joined, comments removed.
   bool read_entry(std::string& text, uint64_t& start, std::string& err, bool& bad);
   result directive(const std::string& text, std::string& err);
+  void notice_relative_owner(const std::string& text, uint64_t line);
 
   struct impl;
   std::unique_ptr<impl> impl_;
   input_reader& in_;
+  bool origin_given_ = false;
+  std::function<void(uint64_t)> relative_at_root_;
 };
