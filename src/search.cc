@@ -8,9 +8,8 @@
 #include "libmy/my_time.h"
 #include "log/log.h"
 #include "output.h"
+#include "tgdb/search_context.h"
 #include "tgdb/tgdb_merger.h"
-#include "trigram/matcher.h"
-#include "trigram/search_context.h"
 
 namespace {
 
@@ -68,7 +67,7 @@ bool run_search(const search_options& options, const char* expression) {
 
   timing.start = my_time_now();
   std::string error;
-  if (!compile_search(*ctx, expression, options.glob, nullptr, &error)) {
+  if (!compile_search(ctx->match, expression, options.glob, nullptr, &error)) {
     log_printf(LOG_INFO, "Error in %s pattern: %s", options.glob ? "glob" : "regex",
                error.empty() ? "[unspecified reason]" : error.c_str());
     return false;
@@ -97,11 +96,11 @@ bool run_search(const search_options& options, const char* expression) {
     timespec after = my_time_now();
     add_elapsed(timing.search_time, before, after);
 
-    timing.candidates += ctx->candidates;
+    timing.candidates += ctx->counters.candidates;
     if (timing.pattern_matches == 0) take_first_match_time(*ctx, timing.first_match);
-    timing.pattern_matches += ctx->pattern_matches;
-    timing.bytes_read += ctx->bytes_read;
-    timing.pages_read += ctx->pages_read;
+    timing.pattern_matches += ctx->counters.pattern_matches;
+    timing.bytes_read += ctx->counters.bytes_read;
+    timing.pages_read += ctx->counters.pages_read;
     if (!result) break;
 
     if (timing.results == 0) timing.first_result = my_time_now();
@@ -120,5 +119,6 @@ bool run_search(const search_options& options, const char* expression) {
   log_printf(LOG_INFO, "Search %s after %zu results", timed_out ? "timed out" : "completed",
              static_cast<size_t>(timing.results));
   log_search_timing(LOG_STAT, timing);
-  return true;
+  // A file's part failed (said where it did): the results are not the whole answer.
+  return !search->incomplete();
 }

@@ -61,19 +61,20 @@ bool expand(const uint8_t* data, size_t size, int fd) {
   return pos >= in.size() || put(h + pos, in.size() - pos, p1);
 }
 
-void exercise(const std::shared_ptr<tgdb>& db) {
-  search_context ctx;
+void exercise(const tgdb_ptr& db) {
+  index_walk walk;
   std::vector<int32_t> present;
   uint64_t budget = WALK_CAP;
   for (int32_t t = 0; t < TRIGRAM_COUNT; ++t) {
-    if (db->posting(t).empty()) continue;
+    const posting_list list = db->posting(t);
+    if (list.empty()) continue;
     present.push_back(t);
     // Hostile lists can hold ranges of billions of lines: share one budget.
-    tracker walker(db, ctx, t);
+    tracker walker(list, walk, t);
     if (!walker.load()) continue;
     uint64_t v;
     while (budget > 0 && n_iter_next(walker, v)) --budget;
-    tracker seeker(db, ctx, t);
+    tracker seeker(list, walk, t);
     seeker.load();
     for (uint64_t target = 0, step = 1; budget > 0 && seeker.op_get(v); step = step * 3 + 1, --budget) {
       target = std::max(target + step, v + 1);
@@ -82,32 +83,27 @@ void exercise(const std::shared_ptr<tgdb>& db) {
   }
   // A query over the first few lists, as unions and intersections.
   if (present.size() >= 2) {
-    ctx.query = trigram_query_create(TQ_UNION, 2, TQ_SET, 1);
-    ctx.query->members[0]->ids = {present[0], present[1]};
-    ctx.query->members[1]->ids = {present.back()};
+    auto query = trigram_query_create(TQ_UNION, 2, TQ_SET, 1);
+    query->members[0]->ids = {present[0], present[1]};
+    query->members[1]->ids = {present.back()};
     bool failed;
-    if (auto src = make_candidate_source(db, ctx, failed)) {
+    if (auto src = make_candidate_source(db, query.get(), nullptr, failed)) {
       std::string_view line;
       for (uint64_t n = 0; n < WALK_CAP && src->get(line); ++n) {
       }
     }
-    ctx.query.reset();
   }
   bool failed;
-  auto scan = make_candidate_source(db, ctx, failed);
+  auto scan = make_candidate_source(db, nullptr, nullptr, failed);
   std::string_view line;
   uint64_t lines = 0;
   while (scan->get(line)) ++lines;
-  // Lines in order (through the cache), then backwards (through the index).
+  // Lines in order (stepping on), then backwards (through the line index).
+  tgdb_line_cursor cursor(*db);
   uint64_t n = 0;
-  for (; n < WALK_CAP; ++n) {
-    const char* p = tgdb_line(*db, n);
-    if (!p) break;
-    tgdb_line_text(*db, p);
+  for (; n < WALK_CAP && cursor.line(n); ++n) {
   }
-  for (uint64_t i = n + 70; i-- > 0;) {
-    if (const char* p = tgdb_line(*db, i)) tgdb_line_text(*db, p);
-  }
+  for (uint64_t i = n + 70; i-- > 0;) cursor.line(i);
 }
 
 int memfd = -1;
