@@ -23,6 +23,7 @@ struct bake_options {
   std::vector<std::string> inputs;  // "-" is standard input
   unsigned threads = 0;     // parsing threads; 0: one per processor
   bool sync = true;         // flush files to stable storage before renaming
+  bool check = false;       // --check: verify the inputs as index files instead
 };
 
 // What a run did, for the summary line and for tests.

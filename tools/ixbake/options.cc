@@ -9,6 +9,7 @@
 #include "libmy/my_time.h"
 #include "libmy/my_unfinished_file.h"
 #include "log/log.h"
+#include "tgdb/tgdb_check.h"
 
 void bake_usage(FILE* out) {
   fputs(
@@ -35,6 +36,7 @@ void bake_usage(FILE* out) {
       "  --threads N        parsing threads (default: one per processor)\n"
       "  --no-sync          do not flush the files to disk before renaming them (faster;\n"
       "                     for scratch files)\n"
+      "  --check FILE...    verify index files instead of baking; exit 1 at the first fault\n"
       "  -q                 no progress line\n"
       "  -h                 show this help\n"
       "\n"
@@ -44,13 +46,14 @@ void bake_usage(FILE* out) {
 }
 
 int parse_bake_args(int argc, char** argv, bake_options& out) {
-  enum { OPT_STRICT = 256, OPT_FORMAT, OPT_KIND, OPT_TIME, OPT_ORIGIN, OPT_FILESET, OPT_THREADS, OPT_NO_SYNC };
+  enum { OPT_STRICT = 256, OPT_FORMAT, OPT_KIND, OPT_TIME, OPT_ORIGIN, OPT_FILESET, OPT_THREADS, OPT_NO_SYNC, OPT_CHECK };
   static const option long_options[] = {
       {"strict", no_argument, nullptr, OPT_STRICT},     {"format", required_argument, nullptr, OPT_FORMAT},
       {"kind", required_argument, nullptr, OPT_KIND},   {"time", required_argument, nullptr, OPT_TIME},
       {"origin", required_argument, nullptr, OPT_ORIGIN}, {"fileset", required_argument, nullptr, OPT_FILESET},
       {"threads", required_argument, nullptr, OPT_THREADS}, {"no-sync", no_argument, nullptr, OPT_NO_SYNC},
       {"help", no_argument, nullptr, 'h'},              {"quiet", no_argument, nullptr, 'q'},
+      {"check", no_argument, nullptr, OPT_CHECK},
       {nullptr, 0, nullptr, 0},
   };
   const auto bad = [](const std::string& text) {
@@ -79,6 +82,9 @@ int parse_bake_args(int argc, char** argv, bake_options& out) {
         break;
       case OPT_NO_SYNC:
         out.sync = false;
+        break;
+      case OPT_CHECK:
+        out.check = true;
         break;
       case OPT_FORMAT:
         if (arg == "auto") out.format = input_format::detect;
@@ -127,11 +133,25 @@ int parse_bake_args(int argc, char** argv, bake_options& out) {
     }
   }
   for (int i = optind; i < argc; ++i) out.inputs.emplace_back(argv[i]);
+  if (out.check) return out.inputs.empty() ? bad("--check needs the index files to check") : -1;
   if (out.prefix.empty()) return bad("an output prefix is required (-o PREFIX)");
   if (out.format == input_format::lines && out.kind == index_kind::both) {
     return bad("--format lines needs --kind rrname or --kind rdata");
   }
   return -1;
+}
+
+// ixbake --check: 0 when every file is sound, else 1 after naming each
+// faulty file's first fault.
+int check_index_files(const std::vector<std::string>& files) {
+  int status = 0;
+  for (const std::string& file : files) {
+    if (auto fault = tgdb_check(file.c_str())) {
+      fprintf(stderr, "ixbake: %s\n", fault->c_str());
+      status = 1;
+    }
+  }
+  return status;
 }
 
 int ixbake_main(int argc, char** argv) {
@@ -144,5 +164,6 @@ int ixbake_main(int argc, char** argv) {
   bake_options opts;
   const int status = parse_bake_args(argc, argv, opts);
   if (status >= 0) return status;
+  if (opts.check) return check_index_files(opts.inputs);
   return bake(opts);
 }
