@@ -12,6 +12,7 @@
 #include "libmy/my_time.h"
 #include "tests/support/index_builder.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/run_binary.h"
 #include "tests/support/temp_dir.h"
 #include "tgdb/record_line.h"
 #include "tgdb/tgdb_merger.h"
@@ -138,6 +139,24 @@ TEST_F(data_source_files, a_file_that_shrinks_under_a_search_ends_only_its_part)
   log_capture log;
   EXPECT_EQ(search(ds), (strings{"b.test\tn:20:2", "incomplete"}));
   EXPECT_TRUE(log.contains("Error: index file " + dir.file("a.idx") + " shrank while in use; its part of this search ends"));
+}
+
+// Through the program: the search prints what the other files hold, names
+// the file it lacks and fails, which ends a session on standard input.
+TEST_F(data_source_files, an_incomplete_search_fails_the_run) {
+  dir.write("set", "a.idx\nmissing.idx\n");
+  const run_result r = run_vornsearch({"-f", dir.file("set"), "-r"}, "test\nexample\n");
+  EXPECT_EQ(r.out, "a.test\t4:10:1\n");
+  EXPECT_NE(r.err.find("Fileset " + dir.file("set") + ": " + dir.file("missing.idx") + " could not be loaded"),
+            std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find("search-2"), std::string::npos) << r.err;
+  EXPECT_EQ(r.status, 1);
+  // Only regular files are index files: a FIFO is refused, not waited on.
+  ASSERT_EQ(mkfifo(dir.file("fifo").c_str(), 0600), 0);
+  const run_result fifo = run_vornsearch({"-l", dir.file("fifo"), "-s", "x"});
+  EXPECT_NE(fifo.err.find("Error opening database file \"" + dir.file("fifo") + "\": is a FIFO"), std::string::npos)
+      << fifo.err;
+  EXPECT_EQ(fifo.status, 1);
 }
 
 // With more files than the system lets a process map, some fail to load: the
