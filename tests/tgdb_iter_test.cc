@@ -96,7 +96,9 @@ TEST(tgdb_iter, hand_made_entries_decode_or_report) {
     EXPECT_EQ(walk(to_bytes(refs), w), want) << message;
     EXPECT_TRUE(log.contains(message)) << message << " got: " << log.text();
     EXPECT_EQ(w.damaged(), !message.empty()) << message;
-    if (w.damaged()) EXPECT_EQ(w.region(), "posting list of trigram 'aaa'");
+    if (w.damaged()) {
+      EXPECT_EQ(w.region(), "posting list of trigram 'aaa'");
+    }
   }
 }
 

@@ -148,6 +148,14 @@ TEST_F(tgdb_merger_files, failing_files_make_the_search_incomplete) {
   EXPECT_EQ(drain(*m), (strings{"a.test\t4:1:1"}));
   EXPECT_TRUE(m->incomplete());
   EXPECT_TRUE(log.contains("Error: index file " + bad->path() + " shrank while in use")) << log.text();
+  // An rdata file: its line in the heap, lost, must not end the process
+  // as a line without a tab would.
+  auto data = file({"a.test\t1/01 4:1:1"}, {.rdata = true});
+  auto lost = file({"b.test\t1/02 4:1:1", "c.test\t1/03 4:1:1"}, {.rdata = true});
+  m = start({data, lost}, "test", true);
+  ASSERT_EQ(truncate(lost->path().c_str(), 4096), 0);
+  EXPECT_EQ(drain(*m), (strings{"a.test\t4:1:1"}));
+  EXPECT_TRUE(m->incomplete());
   m = start({good}, "test");
   m->file_failed();  // as a data source does for a file it could not load
   EXPECT_EQ(drain(*m), (strings{"a.test\t4:1:1"}));
