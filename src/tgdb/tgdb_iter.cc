@@ -155,26 +155,23 @@ bool tracker::load() {
 }
 
 bool tracker::decode(uint64_t i) {
-  posting_entry e;
-  posting_fault fault = decode_posting_entry(list_, i, e);
-  uint64_t before = 0;
+  const uint64_t before_first = decoded_entry_.first, before_last = decoded_entry_.last;
+  const uint64_t before_start = start_, before_end = entry_;
+  posting_fault fault = decode_posting_entry(list_, i, decoded_entry_);
   // Each entry's lines lie beyond those of the entries before it: checked
-  // against the entry decoded last, whichever side of it this one lies.
-  if (fault == posting_fault::none && decoded_) {
-    const posting_entry& d = decoded_entry_;
-    if ((i > entry_ && e.first <= d.last) || (e.end < start_ && e.last >= d.first)) {
-      fault = posting_fault::descending;
-      before = i > entry_ ? d.last : d.first;
-    }
-  }
+  // against the entry decoded before, whichever side of it this one lies
+  // (the first decode, of entry 0, has nothing to compare with).
+  const posting_entry& e = decoded_entry_;
+  if (fault == posting_fault::none &&
+      ((i > before_end && e.first <= before_last) || (e.end < before_start && e.last >= before_first)))
+    fault = posting_fault::descending;
   if (fault != posting_fault::none) {
-    for (const std::string& text : describe_posting_fault(list_, i, fault, trigram_, before))
+    const uint64_t neighbour = i > before_end ? before_last : before_first;
+    for (const std::string& text : describe_posting_fault(list_, i, fault, trigram_, neighbour))
       log_printf(LOG_ERROR, "%s", text.c_str());
     walk_.damage(posting_region(trigram_));
     return false;
   }
-  decoded_ = true;
-  decoded_entry_ = e;
   start_ = i;
   entry_ = e.end;
   current_ = e.first;

@@ -71,8 +71,7 @@ class tracker final : public n_iter {
   index_walk& walk_;
   int32_t trigram_;
   bool finished_ = false;
-  bool decoded_ = false;  // entry_ and decoded_entry_ describe an entry
-  uint64_t start_ = 0;    // first and last 5-byte entry of the decoded entry
+  uint64_t start_ = 0;  // first and last 5-byte entry of the decoded entry
   uint64_t entry_ = 0;
   posting_entry decoded_entry_;
   uint64_t current_ = 0;
