@@ -22,8 +22,7 @@ my_fileset_setfile::my_fileset_setfile(std::string setfile) : setfile_(std::move
 std::optional<std::vector<std::string>> my_fileset_setfile::read_if_changed() {
   struct stat st;
   if (stat(setfile_.c_str(), &st) != 0) {
-    fprintf(stderr, "%s: stat('%s') failed: %s\n", "setfile_updated", visible_text(setfile_).c_str(),
-            strerror(errno));
+    fprintf(stderr, "%s: stat('%s') failed: %s\n", "setfile_updated", visible_text(setfile_).c_str(), strerror(errno));
     return std::nullopt;
   }
   if (st.st_ino == setfile_ino_ && st.st_mtime == setfile_mtime_) return std::nullopt;

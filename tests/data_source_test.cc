@@ -69,20 +69,29 @@ TEST_F(data_source_files, index_list_keeps_one_kind) {
 }
 
 TEST_F(data_source_files, fileset_loads_what_it_can_of_the_first_kind) {
-  const std::tuple<std::string, strings, std::string> cases[] = {  // set file, results, log
+  const std::tuple<std::string, strings, std::string> cases[] = {
+      // set file, results, log
       // Relative names are taken against the set file's directory; a name
       // listed twice is loaded twice.
-      {"a.idx\nr.idx\n" + dir.file("b.idx") + "\na.idx\n", {"a.test\t4:10:2", "b.test\tn:20:2"},
+      {"a.idx\nr.idx\n" + dir.file("b.idx") + "\na.idx\n",
+       {"a.test\t4:10:2", "b.test\tn:20:2"},
        "rdata file " + dir.file("r.idx") + " rejected from rrname fileset " + dir.file("set")},
-      {"r.idx\na.idx", {"10.0.0.1\t4:10:1"},
+      {"r.idx\na.idx",
+       {"10.0.0.1\t4:10:1"},
        "rrname file " + dir.file("a.idx") + " rejected from rdata fileset " + dir.file("set")},
       {"missing.idx\njunk.idx\n", {"null"}, "Fileset " + dir.file("set") + ": cannot read " + dir.file("missing.idx")},
       // A file that cannot be loaded leaves every search incomplete.
-      {"a.idx\nmissing.idx\n", {"a.test\t4:10:1", "incomplete"},
-       "Fileset " + dir.file("set") + ": " + dir.file("missing.idx") + " could not be loaded, so this search is incomplete"},
-      {"a.idx\njunk.idx\n", {"a.test\t4:10:1", "incomplete"}, "could not deserialize trigram index from file: " + dir.file("junk.idx")},
+      {"a.idx\nmissing.idx\n",
+       {"a.test\t4:10:1", "incomplete"},
+       "Fileset " + dir.file("set") + ": " + dir.file("missing.idx") +
+           " could not be loaded, so this search is incomplete"},
+      {"a.idx\njunk.idx\n",
+       {"a.test\t4:10:1", "incomplete"},
+       "could not deserialize trigram index from file: " + dir.file("junk.idx")},
       // Names are shown with their invisible bytes made visible.
-      {"a.idx\r\n", {"null"}, "Fileset " + dir.file("set") + ": cannot read " + dir.file("a.idx") + "\\r: No such file"},
+      {"a.idx\r\n",
+       {"null"},
+       "Fileset " + dir.file("set") + ": cannot read " + dir.file("a.idx") + "\\r: No such file"},
       // Only regular files are opened; a FIFO must not block the search.
       {"fifo\nb.idx\n", {"b.test\tn:20:2", "incomplete"}, "\"" + dir.file("fifo") + "\": is a FIFO"},
       {".\nb.idx\n", {"b.test\tn:20:2", "incomplete"}, "\"" + dir.file(".") + "\": is a directory"},
@@ -102,7 +111,8 @@ TEST_F(data_source_files, set_file_that_is_not_a_regular_file_is_refused) {
   testing::internal::CaptureStderr();
   auto source = fileset_init(dir.file("set").c_str());
   EXPECT_EQ(search(*fileset_data_source(*source)), strings{"null"});
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "setfile_updated: cannot read '" + dir.file("set") + "': is a FIFO\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "setfile_updated: cannot read '" + dir.file("set") + "': is a FIFO\n");
 }
 
 TEST_F(data_source_files, fileset_follows_its_set_file_every_few_seconds) {
@@ -138,7 +148,8 @@ TEST_F(data_source_files, a_file_that_shrinks_under_a_search_ends_only_its_part)
   std::ofstream(dir.file("a.idx"), std::ios::trunc) << "small";  // cp of a smaller file over it
   log_capture log;
   EXPECT_EQ(search(ds), (strings{"b.test\tn:20:2", "incomplete"}));
-  EXPECT_TRUE(log.contains("Error: index file " + dir.file("a.idx") + " shrank while in use; its part of this search ends"));
+  EXPECT_TRUE(
+      log.contains("Error: index file " + dir.file("a.idx") + " shrank while in use; its part of this search ends"));
 }
 
 // Through the program: the search prints what the other files hold, names
@@ -148,7 +159,8 @@ TEST_F(data_source_files, an_incomplete_search_fails_the_run) {
   const run_result r = run_vornsearch({"-f", dir.file("set"), "-r"}, "test\nexample\n");
   EXPECT_EQ(r.out, "a.test\t4:10:1\n");
   EXPECT_NE(r.err.find("Fileset " + dir.file("set") + ": " + dir.file("missing.idx") + " could not be loaded"),
-            std::string::npos) << r.err;
+            std::string::npos)
+      << r.err;
   EXPECT_EQ(r.err.find("search-2"), std::string::npos) << r.err;
   EXPECT_EQ(r.status, 1);
   // Only regular files are index files: a FIFO is refused, not waited on.

@@ -11,9 +11,13 @@ namespace {
 using strings = std::vector<std::string>;
 
 TEST(record_filter, finishing_fills_last_seen_and_count_before_filtering) {
-  const std::tuple<uint16_t, uint64_t, int64_t, strings> cases[] = {  // type, count and last-seen filters, result
-      {0, 1, 100, {"\tn:64:1 4:64,1:2"}}, {1, 0, 0, {"\t4:64,1:2"}}, {0, 2, 0, {"\t4:64,1:2"}},
-      {0, 0, 101, {"\t4:64,1:2"}},       {0, 3, 0, {}},
+  const std::tuple<uint16_t, uint64_t, int64_t, strings> cases[] = {
+      // type, count and last-seen filters, result
+      {0, 1, 100, {"\tn:64:1 4:64,1:2"}},
+      {1, 0, 0, {"\t4:64,1:2"}},
+      {0, 2, 0, {"\t4:64,1:2"}},
+      {0, 0, 101, {"\t4:64,1:2"}},
+      {0, 3, 0, {}},
   };
   for (const auto& [type_filter, count_min, last_after, want] : cases) {
     search_context ctx;
@@ -34,9 +38,9 @@ TEST(record_filter, time_filters_are_inclusive_per_record_and_strict_per_file) {
     int64_t bound, first, last;  // the one bound goes to every filter set
     bool record, file;
   } cases[] = {
-      {0, 0, 10, 20, true, true},     {FB, 10, 10, 20, true, false},    {FB, 11, 10, 20, true, true},
-      {FB, 9, 10, 20, false, false},  {LA, 20, 10, 20, true, false},    {LA, 19, 10, 20, true, true},
-      {LA, 21, 10, 20, false, false}, {FA, 11, 10, 20, false, true},    {LB, 20, 10, 20, true, true},
+      {0, 0, 10, 20, true, true},     {FB, 10, 10, 20, true, false},     {FB, 11, 10, 20, true, true},
+      {FB, 9, 10, 20, false, false},  {LA, 20, 10, 20, true, false},     {LA, 19, 10, 20, true, true},
+      {LA, 21, 10, 20, false, false}, {FA, 11, 10, 20, false, true},     {LB, 20, 10, 20, true, true},
       {LB, 19, 10, 20, false, true},  {FB | LA, 10, 10, 20, true, true}, {FB | LA, 10, 10, 10, true, false},
   };
   for (const auto& c : cases) {

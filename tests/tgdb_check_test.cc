@@ -33,8 +33,8 @@ strings sample_lines() {
   strings lines;
   for (int i = 0; i < 300; ++i) {
     const std::string host = (i % 7 == 0 ? "mail" : i % 3 == 0 ? "www" : "host") + std::to_string(i);
-    lines.push_back(host + (i < 150 ? ".example.com" : ".test.org") + "\t4:" + std::to_string(60000000 + i) + ",10:" +
-                    std::to_string(1 + i % 5) + (i % 4 == 0 ? " n:60000000:1" : ""));
+    lines.push_back(host + (i < 150 ? ".example.com" : ".test.org") + "\t4:" + std::to_string(60000000 + i) +
+                    ",10:" + std::to_string(1 + i % 5) + (i % 4 == 0 ? " n:60000000:1" : ""));
   }
   return lines;
 }
@@ -90,7 +90,8 @@ TEST_F(tgdb_check_files, names_the_first_fault) {
   const auto list = [&](std::vector<uint64_t> lines) {
     return [=](bytes& f) {
       const std::vector<uint8_t> enc = encode_posting_list(lines);
-      f.replace(TGDB_HEADER_SIZE + TGDB_NREF_SIZE + 16 * uint64_t(ail), 16, put_u64(enc.size() / 5) + put_u64(f.size()));
+      const uint64_t entry = TGDB_HEADER_SIZE + TGDB_NREF_SIZE + TGDB_DIR_ENTRY_SIZE * uint64_t(ail);
+      f.replace(entry, 16, put_u64(enc.size() / TGDB_REF_SIZE) + put_u64(f.size()));
       f.append(enc.begin(), enc.end());
     };
   };
@@ -104,9 +105,12 @@ TEST_F(tgdb_check_files, names_the_first_fault) {
   const std::string ail_list = "posting list of trigram 'ail': ";
   const std::pair<std::function<void(bytes&)>, std::string> cases[] = {
       {at(0, "QXVTRJ"), "Error: trigram database was missing magic header value!"},
-      {at(list_offset("ail"), ref(mail[0]) + ref(mail[0])), ail_list + "Error: trigram index reference(@1) does not ascend"},
-      {at(list_offset("ail"), ref(uint64_t(1) << 38)), ail_list + "Error: trigram index reference contained bad start value"},
-      {list(with(after_gap, not_mail)), ail_list + "names line " + std::to_string(not_mail) + ", which does not hold the trigram"},
+      {at(list_offset("ail"), ref(mail[0]) + ref(mail[0])),
+       ail_list + "Error: trigram index reference(@1) does not ascend"},
+      {at(list_offset("ail"), ref(uint64_t(1) << 38)),
+       ail_list + "Error: trigram index reference contained bad start value"},
+      {list(with(after_gap, not_mail)),
+       ail_list + "names line " + std::to_string(not_mail) + ", which does not hold the trigram"},
       {list({mail.begin(), mail.end() - 1}), ail_list + "does not name line " + std::to_string(last) + ", which holds"},
       {list(past), ail_list + "names line 1000, past the last line"},
       {at(line_offset(2), "\n"), "line 2: empty line"},
@@ -114,9 +118,10 @@ TEST_F(tgdb_check_files, names_the_first_fault) {
       {at(index + 14, put_u64(line_offset(64) - db->layout().string_table_offset + 2)),
        "line index: entry 1 does not lead to the start of line 64"},
       {at(index + 14 + 8, "\x01"), "line index: entry 1 does not lead to the start of line 80"},
-      {at(24, put_u64(db->line_index().size() - 14)), "line index: holds 56 bytes for 300 lines"},
+      {at(tgdb_field::line_index_size, put_u64(db->line_index().size() - 14)),
+       "line index: holds 56 bytes for 300 lines"},
       {at(nref + 8 * uint64_t(ail), put_u64(3)), "nref table: counts 3 lines for trigram " + std::to_string(ail)},
-      {at(44, std::string(4, '\0')), "line 0: seen "},
+      {at(tgdb_field::last_seen, std::string(4, '\0')), "line 0: seen "},
   };
   for (const auto& [damage, fault] : cases) {
     bytes damaged = original;
@@ -144,10 +149,8 @@ TEST_F(tgdb_check_files, lines_the_writer_takes_but_a_search_cannot_use) {
   // An rdata file whose time range leaves a record out.
   const std::string rdata = write_index(dir.file("r.tgdb"), {"x\t1/00 4:5,5:1"}, {.rdata = true});
   EXPECT_EQ(tgdb_check(rdata.c_str()), std::nullopt);
-  std::string_view head = std::string_view(read_file(rdata)).substr(0, 40);
-  const std::string narrowed = std::string(head) + std::string(4, '\0') + "\x09" + std::string(3, '\0');
   bytes damaged = read_file(rdata);
-  damaged.replace(0, narrowed.size(), narrowed);
+  damaged.replace(tgdb_field::first_seen, 8, std::string(4, '\0') + "\x09" + std::string(3, '\0'));
   EXPECT_EQ(tgdb_check(dir.write("r2.tgdb", damaged).c_str()),
             dir.file("r2.tgdb") + ": line 0: seen 5 to 10, outside the file's time range");
 }
@@ -168,7 +171,8 @@ TEST_F(tgdb_check_files, ixbake_check_exits_1_naming_each_faulty_file) {
 // Every search of a fixed set over one file: results as lines, then
 // whether the search was complete.
 strings answers(const tgdb_ptr& db) {
-  static const char* patterns[] = {"mail", "^www1", "example\\.com$", "t\\.org", "host2[0-9]", "7\\.", "^h", "zzz", "."};
+  static const char* patterns[] = {"mail", "^www1", "example\\.com$", "t\\.org", "host2[0-9]", "7\\.", "^h",
+                                   "zzz",  "."};
   strings out;
   for (const char* pattern : patterns) {
     for (int filter = 0; filter < 2; ++filter) {
@@ -188,11 +192,16 @@ strings answers(const tgdb_ptr& db) {
 uint64_t damage_spot(std::mt19937_64& rng, const tgdb& db) {
   const tgdb_layout& l = db.layout();
   switch (rng() % 5) {
-    case 0: return rng() % TGDB_HEADER_SIZE;
-    case 1: return l.string_table_offset + rng() % l.string_table_size;
-    case 2: return l.line_index_offset + rng() % l.line_index_size;
-    case 3: return l.end + rng() % (db.file().size() - l.end);  // posting lists
-    default: return rng() % db.file().size();
+    case 0:
+      return rng() % TGDB_HEADER_SIZE;
+    case 1:
+      return l.string_table_offset + rng() % l.string_table_size;
+    case 2:
+      return l.line_index_offset + rng() % l.line_index_size;
+    case 3:
+      return l.end + rng() % (db.file().size() - l.end);  // posting lists
+    default:
+      return rng() % db.file().size();
   }
 }
 
@@ -203,8 +212,11 @@ tgdb_ptr rewritten(const tgdb& db, const std::string& path) {
   tgdb_line_cursor cursor(db);
   for (uint64_t n = 0; auto line = cursor.line(n); ++n) lines.emplace_back(*line);
   const std::vector<std::string_view> views(lines.begin(), lines.end());
-  const tgdb_write_options opts{.rdata = db.is_rdata(), .has_time_range = db.has_time_range(),
-                                .first_seen = db.first_seen(), .last_seen = db.last_seen(), .sync = false};
+  const tgdb_write_options opts{.rdata = db.is_rdata(),
+                                .has_time_range = db.has_time_range(),
+                                .first_seen = db.first_seen(),
+                                .last_seen = db.last_seen(),
+                                .sync = false};
   EXPECT_TRUE(tgdb_write(path, views, opts, nullptr));
   return tgdb_open(path.c_str());
 }
@@ -227,7 +239,8 @@ TEST_F(tgdb_check_files, property_damage_the_verifier_passes_changes_no_answer) 
       const uint64_t spot = damage_spot(rng, *db);
       damaged[spot] ^= char(1 << (rng() % 8));
       where += " " + std::to_string(spot);
-      lines_changed |= spot >= layout.string_table_offset && spot < layout.string_table_offset + layout.string_table_size;
+      lines_changed |=
+          spot >= layout.string_table_offset && spot < layout.string_table_offset + layout.string_table_size;
     }
     SCOPED_TRACE("damaged at" + where);
     const std::string path = dir.write("damaged.tgdb", damaged);

@@ -37,7 +37,10 @@ std::vector<uint64_t> random_list(std::mt19937_64& rng, int shape) {
   uint64_t v = rng() % 1000 + (shape == 0 && rng() % 4 == 0 ? (uint64_t{1} << 36) : 0);
   for (size_t n = rng() % 400; n--;) {
     out.push_back(v);
-    v += shape == 0 ? 1 + rng() % (rng() % 2 ? 300 : 100000) : shape == 1 ? 1 + rng() % 4 : rng() % 3 ? 1 : 2 + rng() % 70000;
+    v += shape == 0   ? 1 + rng() % (rng() % 2 ? 300 : 100000)
+         : shape == 1 ? 1 + rng() % 4
+         : rng() % 3  ? 1
+                      : 2 + rng() % 70000;
   }
   return out;
 }
@@ -67,7 +70,8 @@ TEST(tgdb_iter, encoded_lists_walk_and_seek_like_lower_bound) {
 constexpr uint64_t RS = TGDB_REF_RANGE_START, RE = TGDB_REF_RANGE_END;
 
 TEST(tgdb_iter, hand_made_entries_decode_or_report) {
-  const std::tuple<std::vector<uint64_t>, std::vector<uint64_t>, std::string> cases[] = {  // entries, values, log
+  const std::tuple<std::vector<uint64_t>, std::vector<uint64_t>, std::string> cases[] = {
+      // entries, values, log
       {{0, 0x2F44332211}, {0, 0x44, 0x77, 0x99, 0xAA}, ""},
       {{0, 0x2A44332211}, {0, 0x4433, 0x4433 + 0x2211}, ""},
       // Bit 36: the last delta is short, whatever follows it.
@@ -80,12 +84,15 @@ TEST(tgdb_iter, hand_made_entries_decode_or_report) {
       {{1, 2, RE | 5}, {1, 2}, ""},  // a stray range end is stepped back over
       {{1, RS | 5}, {1}, "Error: trigram index reference was missing range end value"},
       {{RS | 5, 7}, {}, "Error: trigram index reference had bad range end value: 7"},
-      {{1, 0x2800010000, 0x2800010000}, {1, 2},
+      {{1, 0x2800010000, 0x2800010000},
+       {1, 2},
        "Error: trigram index(0) reference(@2) offset values pointed back to bad value: 2800010000"},
       {{1, 0x2000000000}, {1}, "Unknown error occurred parsing trigram index offset values: 2000000000"},
       {{0x2801000000}, {}, "Unknown error occurred parsing trigram index offset values: 2801000000"},
       // Lines must ascend, within an entry and from one to the next.
-      {{1, RS | 9, RE | 5}, {1}, "Error: trigram index reference(@1) range ends before it starts: 8000000009 4000000005"},
+      {{1, RS | 9, RE | 5},
+       {1},
+       "Error: trigram index reference(@1) range ends before it starts: 8000000009 4000000005"},
       {{1, 0x2C00000304}, {1}, "Error: trigram index reference(@1) packed values do not ascend: 2c00000304"},
       {{5, 9, 3, 12}, {5, 9}, "Error: trigram index reference(@2) does not ascend: 3 next to line 9"},
       {{5, 5}, {5}, "Error: trigram index reference(@1) does not ascend: 5 next to line 5"},
@@ -156,7 +163,8 @@ trigram_query_ptr set_of(std::string_view text) { return literal_trigrams(text, 
 // A random tree of unions and intersections over the trigram sets of texts;
 // "qqqz" has trigrams the file lacks.
 trigram_query_ptr random_query(std::mt19937_64& rng, int depth) {
-  static const char* texts[] = {"mail", "ns1", "example", ".org", "shop1", "zone", "api", "test.n", "13.", "www", "qqqz"};
+  static const char* texts[] = {"mail", "ns1",    "example", ".org", "shop1", "zone",
+                                "api",  "test.n", "13.",     "www",  "qqqz"};
   if (depth == 0 || rng() % 3 == 0) return set_of(texts[rng() % 11]);
   auto q = std::make_unique<trigram_query>();
   q->type = rng() % 2 ? TQ_UNION : TQ_INTERSECTION;
@@ -211,7 +219,8 @@ TEST_F(tgdb_iter_file, damage_ends_the_stream_and_names_file_and_region) {
       {"", list_offset("zon"), range_end, 1, "zone", head + "posting list of trigram 'zon'"},
       {"a line number past the end", list_offset("zon"), far, 5, "zon",
        "Error: trigram index names line 1000000 past its end, corrupt file: " + path},
-      {"a list that descends", list_offset("ple") + 5, descending, 5, "example", head + "posting list of trigram 'ple'"},
+      {"a list that descends", list_offset("ple") + 5, descending, 5, "example",
+       head + "posting list of trigram 'ple'"},
       {"a line index entry pointing into a line", db->layout().line_index_offset + TGDB_LINE_ENTRY_SIZE, &mid_line, 8,
        "example", head + "line index"},
   };
@@ -235,7 +244,7 @@ TEST_F(tgdb_iter_file, table_scan_reads_every_line_even_without_final_newline) {
   EXPECT_EQ(run(failed), lines);
   // Shorten the recorded table by its final newline.
   const uint64_t s = db->string_table().size() - 1;
-  patch(16, &s, 8);
+  patch(tgdb_field::string_table_size, &s, 8);
   EXPECT_EQ(run(failed), lines);
 }
 

@@ -64,7 +64,8 @@ TEST_F(tgdb_merger_files, rdata_keys_are_matched_once_on_their_first_line) {
   // Equal wire form and type make one key whatever the text before the tab;
   // the writer keeps such lines in the order given.
   auto a = file({"ten\t4/0a000001 4:100:1", "10.0.0.1\t4/0a000001 4:100:2", "10.0.0.2\t4/0a000002 4:100:1",
-                 "ns.soa\t3/010203 s:5:1"}, {.rdata = true});
+                 "ns.soa\t3/010203 s:5:1"},
+                {.rdata = true});
   auto b = file({"ten\t4/0a000001 4:200:4"}, {.rdata = true});
   EXPECT_EQ(drain(*start({a, b, file({"10.0.0.1\t4:1:1"})}, "^10\\.", true)), (strings{"10.0.0.2\t4:100:1"}));
 
@@ -118,7 +119,8 @@ TEST_F(tgdb_merger_files, file_and_complete_time_checks_end_or_narrow_the_search
 
 TEST_F(tgdb_merger_files, counts_saturate_rather_than_wrap) {
   const uint64_t max = UINT64_MAX;
-  for (const auto& [have, line, want] : {std::tuple{max - 1, "k\t4:1:5", max}, {uint64_t{1} << 63, "k\t4:1:1", (uint64_t{1} << 63) + 1},
+  for (const auto& [have, line, want] : {std::tuple{max - 1, "k\t4:1:5", max},
+                                         {uint64_t{1} << 63, "k\t4:1:1", (uint64_t{1} << 63) + 1},
                                          {max, "k\t1/00 4:1:ffffffff", max}}) {
     std::unique_ptr<search_result> slot = std::make_unique<search_result>();
     slot->entries = {{1, have, 1, 1}};

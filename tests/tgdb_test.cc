@@ -42,8 +42,11 @@ TEST(tgdb, round_trip_header_lines_and_postings) {
   for (size_t round = 0; round < property_count(20); ++round) {
     const bool long_lines = round % 4 == 1;
     const size_t n = round == 0 ? 0 : round % 4 == 0 ? rng() % 64 : long_lines ? 200 : rng() % 5000;
-    const tgdb_write_options opts{.rdata = round % 2 == 1, .has_time_range = round % 3 == 0,
-                                  .first_seen = uint32_t(round), .last_seen = uint32_t(1000 + round), .sync = false};
+    const tgdb_write_options opts{.rdata = round % 2 == 1,
+                                  .has_time_range = round % 3 == 0,
+                                  .first_seen = uint32_t(round),
+                                  .last_seen = uint32_t(1000 + round),
+                                  .sync = false};
     const auto lines = random_lines(rng, n, long_lines ? 2 : 1000, opts.rdata);
     const std::vector<std::string_view> views(lines.begin(), lines.end());
     std::string err, path = dir.file("t.tgdb");
@@ -51,12 +54,13 @@ TEST(tgdb, round_trip_header_lines_and_postings) {
     auto db = tgdb_open(path.c_str());
     ASSERT_TRUE(db);
     ASSERT_EQ(db->header().line_count, n);
-    EXPECT_EQ(db->flags(), TGDB_FLAG_NREF | (opts.rdata ? TGDB_FLAG_RDATA : 0) |
-                               (opts.has_time_range ? TGDB_FLAG_TIME_RANGE : 0));
+    EXPECT_EQ(db->flags(),
+              TGDB_FLAG_NREF | (opts.rdata ? TGDB_FLAG_RDATA : 0) | (opts.has_time_range ? TGDB_FLAG_TIME_RANGE : 0));
     EXPECT_TRUE(!opts.has_time_range || (db->first_seen() == round && db->last_seen() == 1000 + round));
     if (long_lines) {  // some checkpoint distance was too large to record
       bool unrecorded = false;
-      for (size_t e = 0; e + 1 < n / 64; ++e) unrecorded |= tgdb_line_entry_at(db->line_index(), e).half_distance[0] == 0;
+      for (size_t e = 0; e + 1 < n / 64; ++e)
+        unrecorded |= tgdb_line_entry_at(db->line_index(), e).half_distance[0] == 0;
       ASSERT_TRUE(unrecorded);
     }
     // Random order goes through the line index, short steps forward and
@@ -111,7 +115,7 @@ std::string craft(uint32_t flags, uint32_t r, uint64_t s, uint64_t l, const std:
 // `offset` (by default ending exactly at the end of the file).
 std::string with_list(std::string file, uint64_t offset = 0) {
   const uint64_t list[2] = {2, offset ? offset : file.size() - 10};
-  memcpy(file.data() + 48 + 16 * 3403, list, 16);
+  memcpy(file.data() + TGDB_HEADER_SIZE + TGDB_DIR_ENTRY_SIZE * 3403, list, 16);
   return file;
 }
 
@@ -121,7 +125,8 @@ TEST(tgdb, loader_refuses_damaged_and_unsuitable_files) {
   bad_magic[7] = 1;
   const std::string names = "a.example\t4:1:1\n", data = "a.example\t1/00 4:1:1\n";
   const uint64_t p1 = tgdb_string_table_offset(0);
-  const std::pair<std::string, std::string> cases[] = {  // file, message (none: the file loads)
+  const std::pair<std::string, std::string> cases[] = {
+      // file, message (none: the file loads)
       {std::string(TGDB_MIN_SIZE - 1, '\0'), "smaller than minimum header size of 1102784 bytes"},
       {"", "smaller than minimum header size of 1102784 bytes"},
       {bad_magic, "missing magic header value!"},
@@ -132,7 +137,8 @@ TEST(tgdb, loader_refuses_damaged_and_unsuitable_files) {
       {with_list(craft(0, 0, 0, 0)) + "x", ""},  // a list ending inside the file
       {with_list(craft(0, 0, 0, 0), p1 - 5), "lies outside the file: posting list abc"},
       {with_list(craft(0, 0, 0, 0), 8), "points into the header: posting list abc"},
-      {with_list(craft(0, 0, 0, 0, names + std::string(20, 'x')), p1 + 4), "overlaps the string table: posting list abc"},
+      {with_list(craft(0, 0, 0, 0, names + std::string(20, 'x')), p1 + 4),
+       "overlaps the string table: posting list abc"},
       // The flags must agree with the kind of the lines.
       {craft(TGDB_FLAG_RDATA, 0, 0, 0, names), "flagged as rdata, but its first line holds no record data"},
       {craft(0, 0, 0, 0, data), "flagged as owner names, but its first line holds record data"},
@@ -151,8 +157,8 @@ TEST(tgdb, loader_refuses_damaged_and_unsuitable_files) {
   // Only regular files are opened, and nothing blocks on a FIFO.
   ASSERT_EQ(mkfifo(dir.file("fifo").c_str(), 0600), 0);
   ASSERT_EQ(mkdir(dir.file("sub").c_str(), 0700), 0);
-  for (const auto& [name, message] : {std::pair{"fifo", "is a FIFO"}, {"sub", "is a directory"},
-                                      {"missing", "No such file or directory"}}) {
+  for (const auto& [name, message] :
+       {std::pair{"fifo", "is a FIFO"}, {"sub", "is a directory"}, {"missing", "No such file or directory"}}) {
     std::string err;
     EXPECT_FALSE(tgdb_load(dir.file(name).c_str(), err));
     EXPECT_EQ(err, "Error opening database file \"" + dir.file(name) + "\": " + message);

@@ -26,9 +26,7 @@ std::unique_ptr<tgdb_merger> index_list::start(search_context& ctx) {
   return search;
 }
 
-std::unique_ptr<tgdb_merger> data_source_start(data_source& source, search_context& ctx) {
-  return source.start(ctx);
-}
+std::unique_ptr<tgdb_merger> data_source_start(data_source& source, search_context& ctx) { return source.start(ctx); }
 
 void index_list_deleter::operator()(index_list* list) const { delete list; }
 

@@ -38,7 +38,7 @@ class file_mapping {
 
   void* addr_ = nullptr;
   size_t len_ = 0;
-  int slot_ = -1;  // the guard's slot; -1: unguarded (the guard is full)
+  int slot_ = -1;                  // the guard's slot; -1: unguarded (the guard is full)
   const std::atomic<bool>* lost_;  // the slot's flag, or one that stays false
 };
 

@@ -22,16 +22,17 @@ std::vector<std::string> describe_posting_fault(const posting_list& list, uint64
     case posting_fault::packed_empty:
       return {ubuf_fmt("Unknown error occurred parsing trigram index offset values: %" PRIx64, v)};
     case posting_fault::packed_bad_base:
-      return {ubuf_fmt("Error: trigram index(%d) reference(@%" PRIu64 ") offset values pointed back to bad value: %" PRIx64,
-                     trigram, i, list.ref(i - 1))};
+      return {ubuf_fmt("Error: trigram index(%d) reference(@%" PRIu64
+                       ") offset values pointed back to bad value: %" PRIx64,
+                       trigram, i, list.ref(i - 1))};
     case posting_fault::packed_zero_delta:
       return {ubuf_fmt("Error: trigram index reference(@%" PRIu64 ") packed values do not ascend: %" PRIx64, i, v)};
     case posting_fault::range_end_first: {
       char name[4];
       trigram_name(trigram, name);
       std::vector<std::string> lines{ubuf_fmt("Error: trigram index reference contained bad start value: %" PRIx64
-                                            " (%s) @ %" PRIu64 "/%zu",
-                                            v, name, i, size_t(list.count))};
+                                              " (%s) @ %" PRIu64 "/%zu",
+                                              v, name, i, size_t(list.count))};
       for (uint64_t back = 1; back <= 2 && back <= i; ++back)
         lines.push_back(ubuf_fmt(" + prev ref @ %" PRIu64 " was %" PRIx64, i - back, list.ref(i - back)));
       return lines;
@@ -41,11 +42,12 @@ std::vector<std::string> describe_posting_fault(const posting_list& list, uint64
     case posting_fault::range_bad_end:
       return {ubuf_fmt("Error: trigram index reference had bad range end value: %" PRIx64, list.ref(i + 1))};
     case posting_fault::range_reversed:
-      return {ubuf_fmt("Error: trigram index reference(@%" PRIu64 ") range ends before it starts: %" PRIx64 " %" PRIx64, i,
-                     v, list.ref(i + 1))};
+      return {ubuf_fmt("Error: trigram index reference(@%" PRIu64 ") range ends before it starts: %" PRIx64 " %" PRIx64,
+                       i, v, list.ref(i + 1))};
     case posting_fault::descending:
-      return {ubuf_fmt("Error: trigram index reference(@%" PRIu64 ") does not ascend: %" PRIx64 " next to line %" PRIu64,
-                     i, v, before)};
+      return {ubuf_fmt("Error: trigram index reference(@%" PRIu64 ") does not ascend: %" PRIx64
+                       " next to line %" PRIu64,
+                       i, v, before)};
   }
   return {};
 }
@@ -79,7 +81,7 @@ void posting_encoder::add(uint64_t line) {
 // How many of the pending values one packed entry after base_ can hold
 // (0: none), with the entry in `entry`.
 int posting_encoder::pack(uint64_t& entry) const {
-  uint64_t d[4];
+  uint64_t d[4] = {};
   const int m = npending_ < 4 ? npending_ : 4;
   uint64_t prev = base_;
   for (int i = 0; i < m; ++i) {

@@ -14,9 +14,7 @@ bool count_filter(const record_filters& f, uint64_t count) {
   return count >= f.count_min && (f.count_max == 0 || count <= f.count_max);
 }
 
-bool type_filter(const record_filters& f, uint16_t rrtype) {
-  return f.rrtype_filter == 0 || f.rrtype_filter == rrtype;
-}
+bool type_filter(const record_filters& f, uint16_t rrtype) { return f.rrtype_filter == 0 || f.rrtype_filter == rrtype; }
 
 bool file_time_filter(const record_filters& f, int64_t first_seen, int64_t last_seen) {
   if (!f.has_time_first_after && !f.has_time_first_before && !f.has_time_last_after && !f.has_time_last_before)

@@ -27,21 +27,22 @@ struct search_context {
   search_counters counters;
 };
 
+// Sets one of the four time bounds and the flags that say it is set.
+inline void set_time_bound(record_filters& f, int64_t record_filters::*bound, bool record_filters::*is_set, int64_t t) {
+  f.*bound = t;
+  f.*is_set = f.has_time_filter = true;
+}
 inline void set_time_first_before(search_context& ctx, int64_t t) {
-  ctx.filters.time_first_before = t;
-  ctx.filters.has_time_first_before = ctx.filters.has_time_filter = true;
+  set_time_bound(ctx.filters, &record_filters::time_first_before, &record_filters::has_time_first_before, t);
 }
 inline void set_time_first_after(search_context& ctx, int64_t t) {
-  ctx.filters.time_first_after = t;
-  ctx.filters.has_time_first_after = ctx.filters.has_time_filter = true;
+  set_time_bound(ctx.filters, &record_filters::time_first_after, &record_filters::has_time_first_after, t);
 }
 inline void set_time_last_before(search_context& ctx, int64_t t) {
-  ctx.filters.time_last_before = t;
-  ctx.filters.has_time_last_before = ctx.filters.has_time_filter = true;
+  set_time_bound(ctx.filters, &record_filters::time_last_before, &record_filters::has_time_last_before, t);
 }
 inline void set_time_last_after(search_context& ctx, int64_t t) {
-  ctx.filters.time_last_after = t;
-  ctx.filters.has_time_last_after = ctx.filters.has_time_filter = true;
+  set_time_bound(ctx.filters, &record_filters::time_last_after, &record_filters::has_time_last_after, t);
 }
 inline void set_rrtype_filter(search_context& ctx, uint16_t rrtype) { ctx.filters.rrtype_filter = rrtype; }
 inline void set_count_filter(search_context& ctx, uint64_t min, uint64_t max) {

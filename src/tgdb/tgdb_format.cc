@@ -18,15 +18,29 @@ bool overlaps(uint64_t offset, uint64_t size, uint64_t begin, uint64_t length) {
 }  // namespace
 
 void tgdb_header_encode(const tgdb_header& h, uint8_t* out) {
+  using namespace tgdb_field;
   memset(out, 0, TGDB_HEADER_SIZE);
   memcpy(out, TGDB_MAGIC, sizeof TGDB_MAGIC);
-  tgdb_put_le(out + 8, h.flags, 4);
-  tgdb_put_le(out + 12, h.nref_length, 4);
-  tgdb_put_le(out + 16, h.string_table_size, 8);
-  tgdb_put_le(out + 24, h.line_index_size, 8);
-  tgdb_put_le(out + 32, h.line_count, 8);
-  tgdb_put_le(out + 40, h.first_seen, 4);
-  tgdb_put_le(out + 44, h.last_seen, 4);
+  tgdb_put_le(out + flags, h.flags, 4);
+  tgdb_put_le(out + nref_length, h.nref_length, 4);
+  tgdb_put_le(out + string_table_size, h.string_table_size, 8);
+  tgdb_put_le(out + line_index_size, h.line_index_size, 8);
+  tgdb_put_le(out + line_count, h.line_count, 8);
+  tgdb_put_le(out + first_seen, h.first_seen, 4);
+  tgdb_put_le(out + last_seen, h.last_seen, 4);
+}
+
+tgdb_header tgdb_header_decode(const uint8_t* in) {
+  using namespace tgdb_field;
+  tgdb_header h;
+  h.flags = tgdb_get_u32(in + flags);
+  h.nref_length = tgdb_get_u32(in + nref_length);
+  h.string_table_size = tgdb_get_u64(in + string_table_size);
+  h.line_index_size = tgdb_get_u64(in + line_index_size);
+  h.line_count = tgdb_get_u64(in + line_count);
+  h.first_seen = tgdb_get_u32(in + first_seen);
+  h.last_seen = tgdb_get_u32(in + last_seen);
+  return h;
 }
 
 bool tgdb_locate(std::span<const uint8_t> file, tgdb_header& h, tgdb_layout& out, std::string& err) {
@@ -41,13 +55,7 @@ bool tgdb_locate(std::span<const uint8_t> file, tgdb_header& h, tgdb_layout& out
     err = "Error: trigram database was missing magic header value!";
     return false;
   }
-  h.flags = tgdb_get_u32(f + 8);
-  h.nref_length = tgdb_get_u32(f + 12);
-  h.string_table_size = tgdb_get_u64(f + 16);
-  h.line_index_size = tgdb_get_u64(f + 24);
-  h.line_count = tgdb_get_u64(f + 32);
-  h.first_seen = tgdb_get_u32(f + 40);
-  h.last_seen = tgdb_get_u32(f + 44);
+  h = tgdb_header_decode(f);
 
   const uint64_t r = h.nref_size();
   if (r != 0 && r < TGDB_NREF_SIZE) {

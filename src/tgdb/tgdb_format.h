@@ -66,6 +66,12 @@ inline void tgdb_put_le(uint8_t* p, uint64_t v, int bytes) {
   for (int i = 0; i < bytes; ++i) p[i] = uint8_t(v >> (8 * i));
 }
 
+// Where each header field lies.
+namespace tgdb_field {
+inline constexpr size_t flags = 8, nref_length = 12, string_table_size = 16, line_index_size = 24, line_count = 32,
+                        first_seen = 40, last_seen = 44;
+}
+
 struct tgdb_header {
   uint32_t flags = 0;
   uint32_t nref_length = 0;        // R as stored; a table only with TGDB_FLAG_NREF
@@ -83,6 +89,9 @@ struct tgdb_header {
 
 // Writes the magic and the fields into the first TGDB_HEADER_SIZE bytes.
 void tgdb_header_encode(const tgdb_header& h, uint8_t* out);
+// Reads the fields of the first TGDB_HEADER_SIZE bytes (the magic is not
+// checked here).
+tgdb_header tgdb_header_decode(const uint8_t* in);
 
 // Where the regions lie. Every offset and size is inside the file once
 // tgdb_locate succeeded.
@@ -99,9 +108,7 @@ struct tgdb_layout {
 
 // The offsets of a file whose nref table is `nref_size` bytes and whose
 // string table is `string_table_size` bytes (P1 and P2).
-constexpr uint64_t tgdb_string_table_offset(uint64_t nref_size) {
-  return tgdb_round_up(TGDB_MIN_SIZE + nref_size);
-}
+constexpr uint64_t tgdb_string_table_offset(uint64_t nref_size) { return tgdb_round_up(TGDB_MIN_SIZE + nref_size); }
 constexpr uint64_t tgdb_line_index_offset(uint64_t string_table_offset, uint64_t string_table_size) {
   return tgdb_round_up(string_table_offset + string_table_size);
 }

@@ -55,8 +55,7 @@ class query_source final : public candidate_source {
 
 class scan_source final : public candidate_source {
  public:
-  scan_source(tgdb_ptr index, search_deadline* deadline)
-      : candidate_source(std::move(index)), walk_(deadline) {
+  scan_source(tgdb_ptr index, search_deadline* deadline) : candidate_source(std::move(index)), walk_(deadline) {
     std::string_view table = index_->string_table();
     cursor_ = table.data();
     end_ = table.data() + table.size();

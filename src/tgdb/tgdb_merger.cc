@@ -195,8 +195,8 @@ void merge_rrname(std::unique_ptr<search_result>& slot, std::string_view line) {
     return;
   }
   for (const search_entry& e : parsed) {
-    auto same = std::find_if(entries.begin(), entries.end(),
-                             [&](const search_entry& x) { return x.rrtype == e.rrtype; });
+    auto same =
+        std::find_if(entries.begin(), entries.end(), [&](const search_entry& x) { return x.rrtype == e.rrtype; });
     if (same != entries.end()) {
       fold_entry(*same, e);
     } else {

@@ -227,8 +227,8 @@ bool tgdb_writer::finish(std::string* err) {
   return true;
 }
 
-bool tgdb_write(const std::string& path, std::span<const std::string_view> lines,
-                const tgdb_write_options& opts, std::string* err) {
+bool tgdb_write(const std::string& path, std::span<const std::string_view> lines, const tgdb_write_options& opts,
+                std::string* err) {
   tgdb_writer w;
   if (!w.open(path, opts, err)) return false;
   for (std::string_view line : lines)

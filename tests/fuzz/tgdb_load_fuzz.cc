@@ -41,10 +41,9 @@ bool expand(const uint8_t* data, size_t size, int fd) {
   std::vector<uint8_t> in(data + 1, data + size);
   in.resize(std::max<size_t>(in.size(), TGDB_HEADER_SIZE + 1), 0);
   const uint8_t* h = in.data();
-  uint64_t r = 0;
-  if ((tgdb_get_u32(h + 8) & TGDB_FLAG_NREF) && tgdb_get_u32(h + 12) != 0) r = tgdb_get_u32(h + 12);
+  const uint64_t r = tgdb_header_decode(h).nref_size();
   if (r > MAX_NREF) return false;
-  const uint64_t p1 = tgdb_round_up(TGDB_MIN_SIZE + r);
+  const uint64_t p1 = tgdb_string_table_offset(r);
   if (ftruncate(fd, off_t(p1)) != 0 || !put(h, TGDB_HEADER_SIZE, 0)) return false;
   size_t pos = TGDB_HEADER_SIZE;
   size_t k = in[pos++];
@@ -56,7 +55,7 @@ bool expand(const uint8_t* data, size_t size, int fd) {
     uint8_t entry[16];
     memcpy(entry, e + 4, 8);
     for (int i = 0; i < 8; ++i) entry[8 + i] = uint8_t(offset >> (8 * i));
-    if (!put(entry, 16, TGDB_HEADER_SIZE + r + 16 * uint64_t{t})) return false;
+    if (!put(entry, 16, TGDB_HEADER_SIZE + r + TGDB_DIR_ENTRY_SIZE * uint64_t{t})) return false;
   }
   return pos >= in.size() || put(h + pos, in.size() - pos, p1);
 }
