@@ -24,7 +24,7 @@ class query_source final : public candidate_source {
   bool build(const trigram_query* query, bool& failed);
 
   bool get(std::string_view& line) override {
-    if (done_) return false;
+    if (done_ || failed_) return false;
     uint64_t n = 0;
     const bool more = n_iter_next(*root_, n);
     std::optional<std::string_view> found;
@@ -267,9 +267,17 @@ void tracker::op_seek(uint64_t t) {
   load_at(hi);
 }
 
-bool candidate_source::fail_lost() {
+namespace {
+
+void log_lost(const tgdb& index) {
   log_printf(LOG_ERROR, "Error: index file %s shrank while in use; its part of this search ends",
-             visible_text(index_->path()).c_str());
+             visible_text(index.path()).c_str());
+}
+
+}  // namespace
+
+bool candidate_source::fail_lost() {
+  log_lost(*index_);
   failed_ = true;
   return false;
 }
@@ -286,7 +294,14 @@ std::unique_ptr<candidate_source> make_candidate_source(tgdb_ptr index, const tr
   failed = false;
   if (!index) return nullptr;
   if (!query) return std::make_unique<scan_source>(std::move(index), deadline);
-  auto source = std::make_unique<query_source>(std::move(index), deadline);
-  if (!source->build(query, failed)) return nullptr;
+  auto source = std::make_unique<query_source>(index, deadline);
+  const bool built = source->build(query, failed);
+  // A list that read as empty may have been lost with its page.
+  if (index->lost()) {
+    log_lost(*index);
+    failed = true;
+    return nullptr;
+  }
+  if (!built) return nullptr;
   return source;
 }

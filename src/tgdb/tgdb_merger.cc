@@ -65,7 +65,7 @@ void tgdb_merger::add_file(tgdb_ptr index) {
     auto source = make_candidate_source(index, ctx_.match.query.get(), &ctx_.deadline, failed);
     if (!source) {
       if (failed) {
-        log_printf(LOG_ERROR, "Error: failed to initialize tracker!");
+        if (!index->lost()) log_printf(LOG_ERROR, "Error: failed to initialize tracker!");
         file_failed();
       } else {
         log_printf(LOG_DEBUG, "Warning: search yielded no possible answers.");
