@@ -9,6 +9,11 @@
 
 namespace {
 
+void log_lost(const tgdb& index) {
+  log_printf(LOG_ERROR, "Error: index file %s shrank while in use; its part of this search ends",
+             visible_text(index.path()).c_str());
+}
+
 std::string posting_region(int32_t trigram) {
   char name[4];
   trigram_name(trigram, name);
@@ -266,15 +271,6 @@ void tracker::op_seek(uint64_t t) {
   }
   load_at(hi);
 }
-
-namespace {
-
-void log_lost(const tgdb& index) {
-  log_printf(LOG_ERROR, "Error: index file %s shrank while in use; its part of this search ends",
-             visible_text(index.path()).c_str());
-}
-
-}  // namespace
 
 bool candidate_source::fail_lost() {
   log_lost(*index_);
