@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "tgdb/posting_list.h"
 #include "tgdb/tgdb.h"
 #include "tgdb/tgdb_iter.h"
 #include "tgdb/tgdb_writer.h"
@@ -49,10 +50,11 @@ std::vector<uint64_t> random_list(std::mt19937_64& rng, size_t n, uint64_t span)
   return v;
 }
 
-uint64_t combine(bool is_union, const std::vector<std::vector<uint8_t>>& lists, search_context& ctx) {
+uint64_t combine(bool is_union, const std::vector<std::vector<uint8_t>>& lists, search_deadline& deadline) {
+  index_walk walk(&deadline);
   n_iter_builder b(is_union ? n_iter_builder::kind::union_of : n_iter_builder::kind::intersection_of);
   for (const auto& l : lists) {
-    auto t = std::make_unique<tracker>(l, ctx, 0);
+    auto t = std::make_unique<tracker>(posting_list_of(l), walk, 0);
     if (!t->load()) abort();
     b.add(std::move(t));
   }
@@ -64,7 +66,7 @@ uint64_t combine(bool is_union, const std::vector<std::vector<uint8_t>>& lists, 
 
 void bench_lists() {
   std::mt19937_64 rng(11);
-  search_context ctx;
+  search_deadline deadline;
   struct shape {
     const char* name;
     std::vector<uint64_t> a, b;
@@ -88,8 +90,8 @@ void bench_lists() {
   for (const shape& s : shapes) {
     std::vector<std::vector<uint8_t>> enc{encode_posting_list(s.a), encode_posting_list(s.b)};
     uint64_t hits, merged, ref;
-    double t_and = best_of(3, [&] { return combine(false, enc, ctx); }, hits);
-    double t_or = best_of(3, [&] { return combine(true, enc, ctx); }, merged);
+    double t_and = best_of(3, [&] { return combine(false, enc, deadline); }, hits);
+    double t_or = best_of(3, [&] { return combine(true, enc, deadline); }, merged);
     double t_ref = best_of(3, [&] {
       std::vector<uint64_t> out;
       std::set_intersection(s.a.begin(), s.a.end(), s.b.begin(), s.b.end(), std::back_inserter(out));
@@ -105,7 +107,7 @@ void bench_lists() {
   // A walk of one list, for the cost per entry.
   std::vector<std::vector<uint8_t>> one{encode_posting_list(shapes[0].a)};
   uint64_t n;
-  double t = best_of(3, [&] { return combine(false, one, ctx); }, n);
+  double t = best_of(3, [&] { return combine(false, one, deadline); }, n);
   printf("walk of one sparse 1M list: %.2f ms (%.1f ns per line)\n\n", t * 1e3, t * 1e9 / double(n));
 }
 
@@ -144,12 +146,12 @@ void bench_table(uint64_t megabytes, const std::string& tmp) {
   auto db = tgdb_open(path.c_str());
   unlink(path.c_str());  // stays mapped until the handle goes
   if (!db) exit(1);
-  search_context ctx;
+  search_deadline deadline;
   uint64_t check;
   for (const char* pass : {"first", "second"}) {
     double t = best_of(1, [&] {
       bool failed;
-      auto src = make_candidate_source(db, ctx, failed);
+      auto src = make_candidate_source(db, nullptr, &deadline, failed);
       std::string_view line;
       uint64_t n = 0, sum = 0;
       while (src->get(line)) ++n, sum += line.size();
@@ -158,16 +160,18 @@ void bench_table(uint64_t megabytes, const std::string& tmp) {
     printf("table scan (%s pass): %lu lines in %.3f s (%.2f GB/s)\n", pass, check, t, double(bytes) / 1e9 / t);
   }
   double t = best_of(1, [&] {
+    tgdb_line_cursor lines(*db);
     uint64_t n = 0;
-    while (tgdb_line(*db, n)) ++n;
+    while (lines.line(n)) ++n;
     return n;
   }, check);
   printf("line by number, in order: %lu lines in %.3f s (%.1f ns per line)\n", check, t, t * 1e9 / double(check));
   std::mt19937_64 rng(1);
   const uint64_t probes = 1000000;
   t = best_of(1, [&] {
+    tgdb_line_cursor cursor(*db);
     uint64_t found = 0;
-    for (uint64_t i = 0; i < probes; ++i) found += tgdb_line(*db, rng() % lines) != nullptr;
+    for (uint64_t i = 0; i < probes; ++i) found += cursor.line(rng() % lines).has_value();
     return found;
   }, check);
   printf("line by number, random: %lu lookups in %.3f s (%.0f ns per lookup)\n", probes, t, t * 1e9 / double(probes));

@@ -12,6 +12,15 @@ void ubuf_add_fmt(std::string& buf, const char* format, ...) {
   va_end(ap);
 }
 
+std::string ubuf_fmt(const char* format, ...) {
+  std::string out;
+  va_list ap;
+  va_start(ap, format);
+  ubuf_add_vfmt(out, format, ap);
+  va_end(ap);
+  return out;
+}
+
 void ubuf_add_vfmt(std::string& buf, const char* format, va_list ap) {
   if (!buf.empty() && buf.back() == '\0') buf.pop_back();
   va_list measure;

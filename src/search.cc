@@ -9,9 +9,8 @@
 #include "log/log.h"
 #include "output.h"
 #include "search_timing.h"
+#include "tgdb/search_context.h"
 #include "tgdb/tgdb_merger.h"
-#include "trigram/matcher.h"
-#include "trigram/search_context.h"
 
 namespace {
 
@@ -81,7 +80,7 @@ bool compile_pattern(search_run& run, const char* expression) {
   // against the time-out like a slow search does.
   run.arm_deadline();
   std::string error;
-  if (!compile_search(run.ctx, expression, run.options.glob, nullptr, &error)) {
+  if (!compile_search(run.ctx.match, expression, run.options.glob, nullptr, &error)) {
     log_printf(LOG_INFO, "Error in %s pattern: %s", run.options.glob ? "glob" : "regex",
                error.empty() ? "[unspecified reason]" : error.c_str());
     return false;
@@ -116,11 +115,11 @@ std::unique_ptr<search_result> fetch_result(search_run& run, tgdb_merger& search
   const timespec before = my_time_now();
   std::unique_ptr<search_result> result = search_next(search);
   add_elapsed(t.search_time, before, my_time_now());
-  t.candidates += run.ctx.candidates;
+  t.candidates += run.ctx.counters.candidates;
   if (t.pattern_matches == 0) take_first_match_time(run.ctx, t.first_match);
-  t.pattern_matches += run.ctx.pattern_matches;
-  t.bytes_read += run.ctx.bytes_read;
-  t.pages_read += run.ctx.pages_read;
+  t.pattern_matches += run.ctx.counters.pattern_matches;
+  t.bytes_read += run.ctx.counters.bytes_read;
+  t.pages_read += run.ctx.counters.pages_read;
   return result;
 }
 
@@ -170,5 +169,6 @@ bool run_search(const search_options& options, const char* expression) {
   if (!search) return false;
   const bool more_exist = print_results(run, *search);
   report_end(run, more_exist);
-  return true;
+  // A file's part failed (said where it did): the results are not the whole answer.
+  return !search->incomplete();
 }

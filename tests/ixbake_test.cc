@@ -23,12 +23,13 @@ const std::string one_record =
     R"({"rrname":"x.example","rrtype":"A","rdata":"192.0.2.1","time_first":1,"time_last":2,"count":1})";
 
 // The file's lines, and the opened file itself in `keep` when asked for.
-std::vector<std::string> read_lines(const std::string& path, std::shared_ptr<tgdb>* keep = nullptr) {
+std::vector<std::string> read_lines(const std::string& path, tgdb_ptr* keep = nullptr) {
   auto db = tgdb_open(path.c_str());
   EXPECT_TRUE(db) << path;
   std::vector<std::string> lines;
-  for (uint64_t n = 0; const char* p = db ? tgdb_line(*db, n) : nullptr; ++n)
-    lines.emplace_back(tgdb_line_text(*db, p));
+  if (!db) return lines;
+  tgdb_line_cursor cursor(*db);
+  for (uint64_t n = 0; auto line = cursor.line(n); ++n) lines.emplace_back(*line);
   if (keep) *keep = db;
   return lines;
 }
@@ -91,7 +92,7 @@ TEST(Ixbake, JsonRoundTripHoldsEveryRecordWithItsCountsAndTimes) {
     const auto r = ixbake({"--threads", "2", "-o", dir.file("t"), dir.write("a", json[0]), dir.write("b", json[1])});
     ASSERT_EQ(r.status, 0) << r.err;
     for (bool rdata : {false, true}) {
-      std::shared_ptr<tgdb> db;
+      tgdb_ptr db;
       const auto lines = read_lines(dir.file(rdata ? "t.rdata.tgdb" : "t.rrname.tgdb"), &db);
       ASSERT_TRUE(db);
       EXPECT_EQ(std::tuple(db->is_rdata(), db->has_time_range(), db->first_seen(), db->last_seen()),

@@ -20,7 +20,7 @@ n_iter_ptr vec_iter(std::vector<uint64_t> v) {
 }
 
 n_iter_ptr combine(bool is_union, const std::vector<std::vector<uint64_t>>& lists) {
-  n_iter_builder b = is_union ? n_iter_union_new() : n_iter_intersection_new();
+  n_iter_builder b(is_union ? n_iter_builder::kind::union_of : n_iter_builder::kind::intersection_of);
   for (const auto& l : lists) b.add(vec_iter(l));
   return b.finish();
 }
@@ -53,7 +53,7 @@ n_iter_ptr random_tree(std::mt19937_64& rng, int depth, uint64_t span, std::set<
     return rng() % 2 ? vec_iter(std::move(v)) : loose_iter(std::move(v));
   }
   const bool is_union = rng() % 2;
-  n_iter_builder b = is_union ? n_iter_union_new() : n_iter_intersection_new();
+  n_iter_builder b(is_union ? n_iter_builder::kind::union_of : n_iter_builder::kind::intersection_of);
   for (size_t i = 0, n = 1 + rng() % 5; i < n; ++i) {
     std::set<uint64_t> child;
     b.add(random_tree(rng, depth - 1, span, child));

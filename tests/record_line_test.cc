@@ -34,16 +34,19 @@ TEST(record_line, parses_type_codes) {
 
 TEST(record_line, parses_values) {
   EXPECT_EQ(shown(parse_rrname_value(" m 257:A:1 n:5f000000,3c:2\nq")), "k\tm:0:0 257:a:1 n:5f000000,3c:2");
+  EXPECT_EQ(shown(parse_rrname_value("t:ffffffff:ffffffff 4:1,fffffffe:1")), "k\tt:ffffffff:ffffffff 4:1,fffffffe:1");
   for (const char* bad : {"257", "q", "4:1 ", "4:1  6:2", "4:x:1", "4:1:1:1", "4::1", "4:8000000000000000",
-                          "4:1,7fffffffffffffff", "4:1:10000000000000000"})
+                          "4:1,7fffffffffffffff", "4:1:10000000000000000",
+                          // times and counts are 32-bit; last-seen is first-seen plus the delta
+                          "t:100000000,5:1", "4:1,ffffffff:1", "4:1:100000000", "4 n:1:100000000"})
     EXPECT_TRUE(parse_rrname_value(bad).empty()) << bad;
 
   auto v = parse_rdata_value(" 4/0A000001 4:5e0c6d80,10:3\n");
   ASSERT_TRUE(v && v->wire_form == "4/0A000001" && parse_rdata_value("257:1:2\tmore"));
   EXPECT_EQ(shown({v->entry}), "k\t4:5e0c6d80,10:3");
   EXPECT_EQ(decode_rdata(v->wire_form), (std::vector<uint8_t>{0x0a, 0, 0, 1}));
-  for (const char* bad :
-       {"2/0a0 4:1:2", "2/0a00  4:1:2", "0/ 4:1:2", "2/0g00 4:1:2", "4:1", "4:1\n:1", "x/0 4:1:1"})
+  for (const char* bad : {"2/0a0 4:1:2", "2/0a00  4:1:2", "0/ 4:1:2", "2/0g00 4:1:2", "4:1", "4:1\n:1", "x/0 4:1:1",
+                          "1/00 4:100000000:1", "1/00 4:ffffffff,1:1", "1/00 4:1:100000000"})
     EXPECT_FALSE(parse_rdata_value(bad)) << bad;
   for (const char* bad : {"4/0a00", "4:1:1", "1/zz", "123456789012345/00"})
     EXPECT_TRUE(decode_rdata(bad).empty());
@@ -59,14 +62,19 @@ TEST(record_line, formats_lines_that_parse_back) {
   EXPECT_EQ(rrname_line("example", ns_a), "example\tn:5f000000,3c:2 4:5f000010:1 m:0:0");
   EXPECT_EQ(rdata_line("1.0.0.10", std::vector<uint8_t>{1, 0, 0, 10}, {300, 16, 5, 5}),
             "1.0.0.10\t4/0100000a 300:5:10");
+  // Lines hold 32-bit counts: a wider one is written as the largest.
+  const search_entry wide{1, uint64_t{1} << 40, 1, 1};
+  EXPECT_EQ(rrname_line("k", {&wide, 1}), "k\t4:1:ffffffff");
+  EXPECT_EQ(rdata_line("k", std::vector<uint8_t>{1}, wide), "k\t1/01 4:1:ffffffff");
   std::mt19937_64 rng(17);
   for (size_t round = 0; round < 100 * property_count(10); ++round) {
     std::vector<search_entry> entries(1 + rng() % 4);
     std::vector<uint8_t> bytes(1 + rng() % 300);
     for (auto& b : bytes) b = static_cast<uint8_t>(rng());
     for (auto& e : entries) {
-      e = {static_cast<uint16_t>(1 + rng() % (rng() % 2 ? 65535 : 100)), rng() >> (rng() % 64),
-           static_cast<int64_t>(rng() >> (1 + rng() % 63)), 0};
+      e = {static_cast<uint16_t>(1 + rng() % (rng() % 2 ? 65535 : 100)), rng() >> (32 + rng() % 32),
+           static_cast<int64_t>(rng() >> (32 + rng() % 32)), 0};
+      e.time_first = std::min<int64_t>(e.time_first, UINT32_MAX - 100000);
       e.time_last = e.time_first + (rng() % 3 ? static_cast<int64_t>(rng() % 100000) : 0);
     }
     const std::string names = rrname_line("k", entries), data = rdata_line("k", bytes, entries[0]);

@@ -75,7 +75,7 @@ TEST(soundness, confirmed_keys_satisfy_the_query) {
     const bool is_glob = gen.chance(20);
     const std::string expression = is_glob ? gen.glob() : gen.regex(2);
     re_elem_ptr tree = is_glob ? glob_parse(expression.c_str(), nullptr) : regex_parse(expression.c_str(), nullptr);
-    search_context ctx;
+    search_match ctx;
     std::string error;
     if (!tree || !compile_search(ctx, expression.c_str(), is_glob, nullptr, &error)) continue;
     ++expressions;

@@ -2,6 +2,7 @@
 #include "tgdb/tgdb_merger.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -14,21 +15,21 @@
 namespace {
 
 using strings = std::vector<std::string>;
-using dbs = std::vector<std::shared_ptr<const tgdb>>;
+using dbs = std::vector<tgdb_ptr>;
 
 class tgdb_merger_files : public ::testing::Test {
  protected:
-  std::shared_ptr<const tgdb> file(strings lines, const index_options& opts = {}) {
+  tgdb_ptr file(strings lines, const index_options& opts = {}) {
     return tgdb_open(write_index(dir.file(std::to_string(++files) + ".tgdb"), std::move(lines), opts).c_str());
   }
 
   // Candidates come from a scan of every line, or with `query` from the
   // pattern's trigram query.
   std::unique_ptr<tgdb_merger> start(const dbs& files, const char* pattern, bool rdata = false, bool query = false) {
-    EXPECT_TRUE(compile_search(ctx, pattern, false, nullptr, nullptr));
-    if (!query) ctx.query.reset();
-    auto m = search_create(ctx, rdata);
-    for (const auto& db : files) search_add_index(*m, db);
+    EXPECT_TRUE(compile_search(ctx.match, pattern, false, nullptr, nullptr));
+    if (!query) ctx.match.query.reset();
+    auto m = std::make_unique<tgdb_merger>(ctx, rdata);
+    for (const auto& db : files) m->add_file(db);
     return m;
   }
 
@@ -63,7 +64,8 @@ TEST_F(tgdb_merger_files, rdata_keys_are_matched_once_on_their_first_line) {
   // Equal wire form and type make one key whatever the text before the tab;
   // the writer keeps such lines in the order given.
   auto a = file({"ten\t4/0a000001 4:100:1", "10.0.0.1\t4/0a000001 4:100:2", "10.0.0.2\t4/0a000002 4:100:1",
-                 "ns.soa\t3/010203 s:5:1"}, {.rdata = true});
+                 "ns.soa\t3/010203 s:5:1"},
+                {.rdata = true});
   auto b = file({"ten\t4/0a000001 4:200:4"}, {.rdata = true});
   EXPECT_EQ(drain(*start({a, b, file({"10.0.0.1\t4:1:1"})}, "^10\\.", true)), (strings{"10.0.0.2\t4:100:1"}));
 
@@ -71,50 +73,10 @@ TEST_F(tgdb_merger_files, rdata_keys_are_matched_once_on_their_first_line) {
   auto soa = search_next(*m), ten = search_next(*m);
   ASSERT_TRUE(soa && ten);
   EXPECT_TRUE(soa->wildcard);
-  EXPECT_EQ(ctx.candidates, 1u);
+  EXPECT_EQ(ctx.counters.candidates, 1u);
   EXPECT_EQ(ten->rdata, (std::vector<uint8_t>{10, 0, 0, 1}));
   EXPECT_EQ(rrname_line(ten->name, ten->entries), "ten\t4:100,100:7");
   EXPECT_FALSE(ten->wildcard);
-}
-
-TEST(tgdb_merger, finishing_fills_last_seen_and_count_before_filtering) {
-  const std::tuple<uint16_t, uint64_t, int64_t, strings> cases[] = {  // type, count and last-seen filters, result
-      {0, 1, 100, {"\tn:64:1 4:64,1:2"}}, {1, 0, 0, {"\t4:64,1:2"}}, {0, 2, 0, {"\t4:64,1:2"}},
-      {0, 0, 101, {"\t4:64,1:2"}},       {0, 3, 0, {}},
-  };
-  for (const auto& [type_filter, count_min, last_after, want] : cases) {
-    search_context ctx;
-    set_rrtype_filter(ctx, type_filter);
-    set_count_filter(ctx, count_min, 0);
-    if (last_after) set_time_last_after(ctx, last_after);
-    search_result r;
-    r.entries = {{2, 0, 100, 0}, {1, 2, 100, 101}};
-    const bool kept = finish_result(ctx, r);
-    EXPECT_EQ(kept ? strings{rrname_line("", r.entries)} : strings{}, want) << count_min << " " << last_after;
-  }
-}
-
-TEST(tgdb_merger, time_filters_are_inclusive_per_record_and_strict_per_file) {
-  enum : int { FB = 1, FA = 2, LB = 4, LA = 8 };
-  struct {
-    int set;
-    int64_t bound, first, last;  // the one bound goes to every filter set
-    bool record, file;
-  } cases[] = {
-      {0, 0, 10, 20, true, true},     {FB, 10, 10, 20, true, false},    {FB, 11, 10, 20, true, true},
-      {FB, 9, 10, 20, false, false},  {LA, 20, 10, 20, true, false},    {LA, 19, 10, 20, true, true},
-      {LA, 21, 10, 20, false, false}, {FA, 11, 10, 20, false, true},    {LB, 20, 10, 20, true, true},
-      {LB, 19, 10, 20, false, true},  {FB | LA, 10, 10, 20, true, true}, {FB | LA, 10, 10, 10, true, false},
-  };
-  for (const auto& c : cases) {
-    search_context ctx;
-    if (c.set & FB) set_time_first_before(ctx, c.bound);
-    if (c.set & FA) set_time_first_after(ctx, c.bound);
-    if (c.set & LB) set_time_last_before(ctx, c.bound);
-    if (c.set & LA) set_time_last_after(ctx, c.bound);
-    EXPECT_EQ(time_filter(ctx, c.first, c.last), c.record) << c.set << " " << c.bound;
-    EXPECT_EQ(file_time_filter(ctx, c.first, c.last), c.file) << c.set << " " << c.bound;
-  }
 }
 
 TEST_F(tgdb_merger_files, file_and_complete_time_checks_end_or_narrow_the_search) {
@@ -125,21 +87,81 @@ TEST_F(tgdb_merger_files, file_and_complete_time_checks_end_or_narrow_the_search
     int64_t bound;
     dbs files;
     strings want;
-    const char* log;
+    size_t candidates;  // lines matched: a file skipped by its range offers none
+    bool finished;      // the whole search ended at once
   } cases[] = {
-      {set_time_first_before, 0x300, {early, late}, {"a.test\t4:100,100:1"}, "Skipping"},
-      {set_time_first_after, 0x300, {early, late}, {"b.test\t4:300,100:1"}, "Adding"},
-      {set_time_first_after, 0x401, {early, late}, {}, "time_first_after out of range, finishing query"},
-      {set_time_first_after, 1, {untimed}, {}, "time_first_after out of range, finishing query"},
-      {set_time_last_before, 0xff, {early, late}, {}, "time_last_before out of range, finishing query"},
+      {set_time_first_before, 0x300, {early, late}, {"a.test\t4:100,100:1"}, 1, false},
+      {set_time_first_before, 0x300, {late, early}, {"a.test\t4:100,100:1"}, 1, false},
+      {set_time_first_after, 0x300, {early, late}, {"b.test\t4:300,100:1"}, 2, false},
+      {set_time_first_after, 0x401, {early, late}, {}, 0, true},
+      {set_time_first_after, 1, {untimed}, {}, 0, true},
+      {set_time_last_before, 0xff, {early, late}, {}, 0, true},
+      // The earliest first-seen of all files bounds the search, whichever
+      // order they come in.
+      {set_time_last_before, 0x200, {late, early}, {"a.test\t4:100,100:1"}, 2, false},
   };
   for (const auto& c : cases) {
     ctx = search_context();
     c.set(ctx, c.bound);
-    log_capture log;
-    EXPECT_EQ(drain(*start(c.files, "test")), c.want) << c.log;
-    EXPECT_TRUE(log.contains(c.log)) << log.text();
+    auto m = start(c.files, "test");
+    size_t candidates = 0;
+    strings got;
+    while (auto r = search_next(*m)) {
+      candidates += ctx.counters.candidates;
+      got.push_back(rrname_line(r->name, r->entries));
+    }
+    candidates += ctx.counters.candidates;
+    EXPECT_EQ(got, c.want) << c.bound;
+    EXPECT_EQ(candidates, c.candidates) << c.bound;
+    EXPECT_EQ(m->finished(), c.finished) << c.bound;
   }
+}
+
+TEST_F(tgdb_merger_files, counts_saturate_rather_than_wrap) {
+  const uint64_t max = UINT64_MAX;
+  for (const auto& [have, line, want] : {std::tuple{max - 1, "k\t4:1:5", max},
+                                         {uint64_t{1} << 63, "k\t4:1:1", (uint64_t{1} << 63) + 1},
+                                         {max, "k\t1/00 4:1:ffffffff", max}}) {
+    std::unique_ptr<search_result> slot = std::make_unique<search_result>();
+    slot->entries = {{1, have, 1, 1}};
+    if (std::string_view(line).find('/') == std::string_view::npos) {
+      merge_rrname(slot, line);
+    } else {
+      slot->rdata = {0};
+      merge_rdata(slot, line);
+    }
+    EXPECT_EQ(slot->entries.front().count, want) << line;
+  }
+  search_entry twice{1, uint64_t{1} << 63, 1, 1};
+  fold_entry(twice, twice);  // one file holding 2^63, searched twice
+  EXPECT_EQ(twice.count, max);
+}
+
+// A file whose part of the search fails leaves the search incomplete; the
+// other files still give their results.
+TEST_F(tgdb_merger_files, failing_files_make_the_search_incomplete) {
+  auto good = file({"a.test\t4:1:1"});
+  auto bad = file({"b.test\t4:1:1", "c.test\t4:1:1"});
+  auto m = start({good, bad}, "test");
+  EXPECT_FALSE(m->incomplete());
+  ASSERT_EQ(truncate(bad->path().c_str(), 4096), 0);
+  log_capture log;
+  // The line the file offered was lost with it.
+  EXPECT_EQ(drain(*m), (strings{"a.test\t4:1:1"}));
+  EXPECT_TRUE(m->incomplete());
+  EXPECT_TRUE(log.contains("Error: index file " + bad->path() + " shrank while in use")) << log.text();
+  // An rdata file: its line in the heap, lost, must not end the process
+  // as a line without a tab would.
+  auto data = file({"a.test\t1/01 4:1:1"}, {.rdata = true});
+  auto lost = file({"b.test\t1/02 4:1:1", "c.test\t1/03 4:1:1"}, {.rdata = true});
+  m = start({data, lost}, "test", true);
+  ASSERT_EQ(truncate(lost->path().c_str(), 4096), 0);
+  EXPECT_EQ(drain(*m), (strings{"a.test\t4:1:1"}));
+  EXPECT_TRUE(m->incomplete());
+  m = start({good}, "test");
+  m->file_failed();  // as a data source does for a file it could not load
+  EXPECT_EQ(drain(*m), (strings{"a.test\t4:1:1"}));
+  EXPECT_TRUE(m->incomplete());
 }
 
 TEST_F(tgdb_merger_files, deadline_ends_the_search_with_the_results_so_far) {
@@ -166,7 +188,8 @@ TEST_F(tgdb_merger_files, counters_describe_the_latest_call) {
   timespec first{};
   for (bool more = true; more;) {
     more = search_next(*m) != nullptr;
-    bytes += ctx.bytes_read, pages += ctx.pages_read, matches += ctx.pattern_matches, candidates += ctx.candidates;
+    const search_counters& c = ctx.counters;
+    bytes += c.bytes_read, pages += c.pages_read, matches += c.pattern_matches, candidates += c.candidates;
     EXPECT_EQ(take_first_match_time(ctx, first), more);
   }
   const std::string_view table = a->string_table();

@@ -58,7 +58,7 @@ TEST(trigramize, statuses_log_lines_and_table_scan_fallback) {
 }
 
 TEST(matcher, confirms_caselessly_and_excludes) {
-  search_context ctx;
+  search_match ctx;
   ASSERT_TRUE(compile_search(ctx, "abc", false, nullptr, nullptr));
   EXPECT_NE(ctx.query, nullptr);
   EXPECT_TRUE(match_line(ctx, "xxABCxx", 7));
@@ -68,11 +68,11 @@ TEST(matcher, confirms_caselessly_and_excludes) {
   EXPECT_TRUE(match_line(ctx, "abc.", 4));
   EXPECT_FALSE(match_line(ctx, "abcd", 4));
 
-  search_context empty;  // no main pattern: every candidate passes, exclusion is not consulted
+  search_match empty;  // no main pattern: every candidate passes, exclusion is not consulted
   ASSERT_TRUE(compile_exclude(empty, "a", false, nullptr));
   EXPECT_TRUE(match_line(empty, "a", 1));
 
-  search_context blank;  // a pattern that matches the empty string confirms every line
+  search_match blank;  // a pattern that matches the empty string confirms every line
   ASSERT_TRUE(compile_search(blank, "x*", false, nullptr, nullptr));
   EXPECT_EQ(blank.query, nullptr);
   EXPECT_TRUE(match_line(blank, "", 0));
@@ -80,7 +80,7 @@ TEST(matcher, confirms_caselessly_and_excludes) {
 }
 
 TEST(matcher, errors) {
-  search_context ctx;
+  search_match ctx;
   std::string error;
   int status = -1;
   const std::string log =

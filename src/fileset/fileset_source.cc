@@ -12,6 +12,7 @@
 #include "fileset/data_source.h"
 #include "libmy/my_alloc.h"
 #include "libmy/my_fileset.h"
+#include "libmy/my_text.h"
 #include "libmy/my_time.h"
 #include "log/log.h"
 #include "tgdb/tgdb.h"
@@ -19,11 +20,17 @@
 
 namespace {
 const char* kind_name(bool rdata) { return rdata ? "rdata" : "rrname"; }
+
+// What a listed file gave: an index, or none because it is of the other
+// kind (it cannot hold an answer) or because it could not be loaded (then
+// no search can be complete until the set file changes).
+struct listed_file {
+  tgdb_ptr index;
+  bool unloadable = false;
+};
 }  // namespace
 
 struct fileset_source final : data_source {
-  using handle = std::shared_ptr<const tgdb>;
-
   explicit fileset_source(const char* path);
   std::unique_ptr<tgdb_merger> start(search_context& ctx) override;
 
@@ -36,34 +43,35 @@ struct fileset_source final : data_source {
   // search keeps its handles after the lock is released.
   std::shared_mutex lock;
   // Declared last: destroying it unloads every file, which logs `name`.
-  std::unique_ptr<my_fileset<handle>> files;
+  std::unique_ptr<my_fileset<listed_file>> files;
 };
 
 namespace {
 
-fileset_source::handle fileset_load_file(fileset_source& source, const std::string& path) {
-  log_printf(LOG_DEBUG, "Fileset %s loading %s", source.name.c_str(), path.c_str());
+listed_file fileset_load_file(fileset_source& source, const std::string& path) {
+  const std::string shown = visible_text(path), set = visible_text(source.name);
+  log_printf(LOG_DEBUG, "Fileset %s loading %s", set.c_str(), shown.c_str());
   if (access(path.c_str(), R_OK) != 0) {
-    log_printf(LOG_ERROR, "Fileset %s: cannot read %s: %s", source.name.c_str(), path.c_str(), strerror(errno));
-    return nullptr;
+    log_printf(LOG_ERROR, "Fileset %s: cannot read %s: %s", set.c_str(), shown.c_str(), strerror(errno));
+    return {nullptr, true};
   }
-  fileset_source::handle index = tgdb_open(path.c_str());
-  if (!index) return nullptr;
+  tgdb_ptr index = tgdb_open(path.c_str());
+  if (!index) return {nullptr, true};
   if (!source.kind_known) {
     source.rdata = index->is_rdata();
     source.kind_known = true;
-    return index;
+    return {index};
   }
-  if (index->is_rdata() == source.rdata) return index;
+  if (index->is_rdata() == source.rdata) return {index};
   // Stays listed without a handle until the set file changes again.
-  log_printf(LOG_ERROR, "%s file %s rejected from %s fileset %s", kind_name(index->is_rdata()), path.c_str(),
-             kind_name(source.rdata), source.name.c_str());
-  return nullptr;
+  log_printf(LOG_ERROR, "%s file %s rejected from %s fileset %s", kind_name(index->is_rdata()), shown.c_str(),
+             kind_name(source.rdata), set.c_str());
+  return {};
 }
 
-void fileset_unload_file(fileset_source& source, const std::string& path, fileset_source::handle& index) {
-  log_printf(LOG_DEBUG, "Fileset %s unloading %s", source.name.c_str(), path.c_str());
-  index.reset();
+void fileset_unload_file(fileset_source& source, const std::string& path, listed_file& file) {
+  log_printf(LOG_DEBUG, "Fileset %s unloading %s", visible_text(source.name).c_str(), visible_text(path).c_str());
+  file.index.reset();
 }
 
 // Looks at the set file only when more than reload_interval whole seconds
@@ -83,23 +91,30 @@ void fileset_reload(fileset_source& source) {
 }  // namespace
 
 fileset_source::fileset_source(const char* path) : name(path) {
-  files = std::make_unique<my_fileset<handle>>(
+  files = std::make_unique<my_fileset<listed_file>>(
       name, [this](const std::string& file) { return fileset_load_file(*this, file); },
-      [this](const std::string& file, handle& index) { fileset_unload_file(*this, file, index); });
+      [this](const std::string& file, listed_file& listed) { fileset_unload_file(*this, file, listed); });
 }
 
 std::unique_ptr<tgdb_merger> fileset_source::start(search_context& ctx) {
   // Reloaded before the search takes the kind, so that the first file ever
   // accepted already decides the kind of this search.
   fileset_reload(*this);
-  auto search = search_create(ctx, rdata);
+  auto search = std::make_unique<tgdb_merger>(ctx, rdata);
   size_t added = 0;
   {
     std::shared_lock guard(lock);
     for (size_t i = 0; const auto* entry = files->get(i); ++i) {
-      if (!entry->data) continue;  // failed to load or rejected
-      search_add_index(*search, entry->data);
-      ++added;
+      const listed_file& file = entry->data;
+      if (file.index) {
+        search->add_file(file.index);
+        ++added;
+      } else if (file.unloadable) {
+        // Without it the answer would look whole while it is not.
+        log_printf(LOG_ERROR, "Fileset %s: %s could not be loaded, so this search is incomplete",
+                   visible_text(name).c_str(), visible_text(entry->fname).c_str());
+        search->file_failed();
+      }
     }
   }
   if (added == 0) return nullptr;
@@ -111,7 +126,7 @@ void fileset_source_deleter::operator()(fileset_source* source) const { delete s
 fileset_source_ptr fileset_init(const char* path) {
   if (!path) return nullptr;
   fileset_source_ptr source(new fileset_source(path));
-  log_printf(LOG_INFO, "Loading fileset: %s", path);
+  log_printf(LOG_INFO, "Loading fileset: %s", visible_text(path).c_str());
   fileset_reload(*source);
   return source;
 }

@@ -2,12 +2,11 @@
 
 #include "libmy/my_time.h"
 
-void deadline_check(search_context& ctx) {
-  if (!ctx.has_deadline) return;
-  timespec now = my_time_now();
-  bool before = ctx.deadline.tv_sec > now.tv_sec ||
-                (ctx.deadline.tv_sec == now.tv_sec && ctx.deadline.tv_nsec >= now.tv_nsec);
+void search_deadline::check() {
+  if (!armed) return;
+  const timespec now = my_time_now();
+  const bool before = at.tv_sec > now.tv_sec || (at.tv_sec == now.tv_sec && at.tv_nsec >= now.tv_nsec);
   if (before) return;
-  if (ctx.timeout_callback && ctx.timeout_callback(ctx.deadline, now.tv_sec)) return;
+  if (timeout_callback && timeout_callback(at, now.tv_sec)) return;
   throw search_timeout{};
 }

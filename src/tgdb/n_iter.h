@@ -35,8 +35,6 @@ inline bool n_iter_next(n_iter& it, uint64_t& out) {
   return true;
 }
 
-inline void n_iter_free(n_iter_ptr& it) { it.reset(); }
-
 // Collects children for a union or an intersection. Destroying a builder
 // frees the children it still holds.
 class n_iter_builder {
@@ -59,8 +57,3 @@ class n_iter_builder {
   kind kind_;
   std::vector<n_iter_ptr> children_;
 };
-
-inline n_iter_builder n_iter_union_new() { return n_iter_builder(n_iter_builder::kind::union_of); }
-inline n_iter_builder n_iter_intersection_new() {
-  return n_iter_builder(n_iter_builder::kind::intersection_of);
-}

@@ -1,5 +1,6 @@
 #include "tgdb/record_line.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdlib>
@@ -50,6 +51,9 @@ constexpr auto nibble_table = [] {
 
 constexpr char hex_digits[] = "0123456789abcdef";
 
+// Times and counts in a line are 32-bit values.
+constexpr uint64_t RECORD_VALUE_MAX = std::numeric_limits<uint32_t>::max();
+
 int nibble(char c) { return nibble_table[static_cast<unsigned char>(c)]; }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 // White space of the POSIX locale.
@@ -75,17 +79,18 @@ bool parse_hex(std::string_view s, uint64_t& out) {
   return true;
 }
 
-// FIRST[,DELTA]; both times must fit the signed 64-bit entry fields.
+// FIRST[,DELTA] as 32-bit values, last-seen (FIRST + DELTA) included.
 bool parse_times(std::string_view s, search_entry& e) {
-  constexpr uint64_t max_time = std::numeric_limits<int64_t>::max();
   size_t comma = s.find(',');
   uint64_t first = 0, delta = 0;
-  if (!parse_hex(s.substr(0, comma), first) || first > max_time) return false;
-  if (comma != npos && (!parse_hex(s.substr(comma + 1), delta) || delta > max_time - first)) return false;
+  if (!parse_hex(s.substr(0, comma), first) || first > RECORD_VALUE_MAX) return false;
+  if (comma != npos && (!parse_hex(s.substr(comma + 1), delta) || delta > RECORD_VALUE_MAX - first)) return false;
   e.time_first = static_cast<int64_t>(first);
   e.time_last = static_cast<int64_t>(first + delta);
   return true;
 }
+
+bool parse_count(std::string_view s, uint64_t& count) { return parse_hex(s, count) && count <= RECORD_VALUE_MAX; }
 
 bool parse_rrname_item(std::string_view item, search_entry& e) {
   e.rrtype = parse_rrtype_code(item);
@@ -95,7 +100,7 @@ bool parse_rrname_item(std::string_view item, search_entry& e) {
   std::string_view rest = item.substr(colon + 1);
   size_t colon2 = rest.find(':');
   if (!parse_times(rest.substr(0, colon2), e)) return false;
-  return colon2 == npos || parse_hex(rest.substr(colon2 + 1), e.count);
+  return colon2 == npos || parse_count(rest.substr(colon2 + 1), e.count);
 }
 
 // TYPE:FIRST[,DELTA]:COUNT, the part of an rdata value after its wire form.
@@ -116,7 +121,7 @@ std::optional<search_entry> parse_rdata_item(std::string_view s) {
     log_printf(LOG_ERROR, "Error: multi-space lines not supported.");
     return std::nullopt;
   }
-  if (!parse_hex(s.substr(0, end), e.count)) return std::nullopt;
+  if (!parse_count(s.substr(0, end), e.count)) return std::nullopt;
   return e;
 }
 
@@ -178,6 +183,11 @@ std::optional<wire_split> ordering_wire(std::string_view value) {
 
 int compare_bytes(std::string_view a, std::string_view b) { return sign(a.compare(b)); }
 
+search_entry within_line_limits(search_entry e) {
+  e.count = std::min<uint64_t>(e.count, RECORD_VALUE_MAX);
+  return e;
+}
+
 }  // namespace
 
 char rrtype_code_char(uint16_t rrtype) { return rrtype < coded_type_limit ? code_by_type[rrtype] : '\0'; }
@@ -228,8 +238,7 @@ std::vector<search_entry> parse_rrname_value(std::string_view text) {
 std::optional<rdata_value> parse_rdata_value(std::string_view text) {
   text = skip_space(text);
   rdata_value out;
-  size_t stop = text.find_first_of(":/");
-  if (stop != npos && text[stop] == '/') {
+  if (value_has_wire_form(text)) {
     auto wire = split_value_wire(text);
     if (!wire || !all_hex(wire->hex)) return std::nullopt;
     out.wire_form = text.substr(0, text.size() - wire->rest.size());
@@ -242,6 +251,11 @@ std::optional<rdata_value> parse_rdata_value(std::string_view text) {
   if (!e) return std::nullopt;
   out.entry = *e;
   return out;
+}
+
+bool value_has_wire_form(std::string_view value) {
+  const size_t stop = value.find_first_of(":/");
+  return stop != npos && value[stop] == '/';
 }
 
 std::vector<uint8_t> decode_rdata(std::string_view text) {
@@ -296,7 +310,10 @@ std::string rrname_line(std::string_view owner, std::span<const search_entry> en
   check_key(owner);
   std::string line(owner);
   line += '\t';
-  append_rrname_value(line, entries);
+  for (size_t i = 0; i < entries.size(); ++i) {
+    if (i) line += ' ';
+    append_rrname_item(line, within_line_limits(entries[i]));
+  }
   return line;
 }
 
@@ -305,7 +322,7 @@ std::string rdata_line(std::string_view text, std::span<const uint8_t> wire, con
   my_assert(!wire.empty() && wire.size() <= 65535, "rdata of 1 to 65535 bytes");
   std::string line(text);
   line += '\t';
-  append_rdata_value(line, wire, entry);
+  append_rdata_value(line, wire, within_line_limits(entry));
   return line;
 }
 

@@ -5,7 +5,10 @@
 // A line is KEY '\t' VALUE. Owner-name (rrname) values are items separated by
 // single spaces, each TYPE[:FIRST[,DELTA][:COUNT]]; rdata values are
 // [LENGTH/HEX ]TYPE:FIRST[,DELTA]:COUNT. Numbers are hexadecimal without a
-// prefix, except LENGTH, which is decimal.
+// prefix, except LENGTH, which is decimal. Times and counts are 32-bit
+// values: a line holding a wider one (or a last-seen FIRST + DELTA past
+// 32 bits) is damaged and rejected. Sums of counts over several lines are
+// wider (see search_result.h).
 #pragma once
 
 #include <cstdint>
@@ -51,6 +54,11 @@ std::optional<rdata_value> parse_rdata_value(std::string_view text);
 // (LENGTH is never 0, so a decoded value is never empty).
 std::vector<uint8_t> decode_rdata(std::string_view text);
 
+// Whether a value starts with a LENGTH/HEX prefix, as every value of an rdata
+// file does and no value of an owner-name file can: a slash comes before any
+// colon.
+bool value_has_wire_form(std::string_view value);
+
 // --- formatters ----------------------------------------------------------------
 
 // Appends TYPE:FIRST[,DELTA]:COUNT, DELTA being last-seen minus first-seen and
@@ -62,8 +70,10 @@ void append_rrname_value(std::string& out, std::span<const search_entry> entries
 // Appends LENGTH/HEX (lower-case hexadecimal) and a space, then the item.
 void append_rdata_value(std::string& out, std::span<const uint8_t> wire, const search_entry& entry);
 
-// Whole lines without their newline. The key must hold neither a tab nor a
-// newline; the wire form of rdata holds 1 to 65535 bytes.
+// Whole lines, as written to index files, without their newline. The key
+// must hold neither a tab nor a newline; the wire form of rdata holds 1 to
+// 65535 bytes. A count beyond the format's 32 bits is written as its
+// largest value, so that the line reads back.
 std::string rrname_line(std::string_view owner, std::span<const search_entry> entries);
 std::string rdata_line(std::string_view text, std::span<const uint8_t> wire, const search_entry& entry);
 

@@ -4,11 +4,10 @@
 #include <cstdint>
 #include <vector>
 
+#include "libmy/my_text.h"
 #include "libmy/my_time.h"
 #include "log/log.h"
-#include "tgdb/deadline.h"
 #include "tgdb/record_line.h"
-#include "trigram/matcher.h"
 
 namespace {
 
@@ -20,12 +19,6 @@ std::string_view key_of(std::string_view line) { return line.substr(0, line.find
 std::string_view value_of(std::string_view line) {
   const size_t tab = line.find('\t');
   return tab == npos ? line : line.substr(tab + 1);
-}
-
-void widen(search_entry& into, const search_entry& e) {
-  into.count += e.count;
-  into.time_first = std::min(into.time_first, e.time_first);
-  into.time_last = std::max(into.time_last, e.time_last);
 }
 
 }  // namespace
@@ -51,40 +44,37 @@ tgdb_merger::tgdb_merger(search_context& ctx, bool rdata)
 
 tgdb_merger::~tgdb_merger() = default;
 
-void tgdb_merger::add_file(std::shared_ptr<const tgdb> index) {
+void tgdb_merger::add_file(tgdb_ptr index) {
   if (!index || index->is_rdata() != rdata_ || finished_) return;
-  const std::string& path = index->path();
   if (index->has_time_range()) {
     const int64_t first = index->first_seen(), last = index->last_seen();
     // Widened before the filter, so that a skipped file still bounds the
     // complete-mode checks of next().
     if (earliest_first_seen_ == 0 || earliest_first_seen_ > first) earliest_first_seen_ = first;
     if (last > latest_last_seen_) latest_last_seen_ = last;
-    if (!file_time_filter(ctx_, first, last)) {
-      log_printf(LOG_DEBUG, "Skipping %s due to time filter", path.c_str());
+    if (!file_time_filter(ctx_.filters, first, last)) {
+      if (log_enabled(LOG_DEBUG))
+        log_printf(LOG_DEBUG, "Skipping %s due to time filter", visible_text(index->path()).c_str());
       return;
     }
   }
-  log_printf(LOG_DETAIL, "Adding %s to merger", path.c_str());
+  if (log_enabled(LOG_DETAIL)) log_printf(LOG_DETAIL, "Adding %s to merger", visible_text(index->path()).c_str());
 
   try {
     bool failed = false;
-    auto source = make_candidate_source(index, ctx_, failed);
+    auto source = make_candidate_source(index, ctx_.match.query.get(), &ctx_.deadline, failed);
     if (!source) {
       if (failed) {
-        log_printf(LOG_ERROR, "Error: failed to initialize tracker!");
+        if (!index->lost()) log_printf(LOG_ERROR, "Error: failed to initialize tracker!");
+        file_failed();
       } else {
         log_printf(LOG_DEBUG, "Warning: search yielded no possible answers.");
       }
       return;
     }
-    if (failed) return;
-    std::string_view line;
-    if (!source->get(line)) return;
-    auto entry = std::make_unique<file_entry>(file_entry{std::move(source), line});
-    file_entry& added = *entry;
+    auto entry = std::make_unique<file_entry>(file_entry{std::move(source), {}});
+    if (!advance(*entry)) return;
     heap_.push(std::move(entry));
-    count_read(added);
   } catch (const search_timeout&) {
     finished_ = true;
   }
@@ -93,18 +83,17 @@ void tgdb_merger::add_file(std::shared_ptr<const tgdb> index) {
 std::unique_ptr<search_result> tgdb_merger::next() {
   if (finished_) return nullptr;
   // No file can hold a record lying wholly inside the requested range.
-  if (ctx_.has_time_first_after && ctx_.time_first_after > latest_last_seen_) {
+  if (ctx_.filters.has_time_first_after && ctx_.filters.time_first_after > latest_last_seen_) {
     log_printf(LOG_DEBUG, "time_first_after out of range, finishing query");
     finished_ = true;
     return nullptr;
   }
-  if (ctx_.has_time_last_before && ctx_.time_last_before < earliest_first_seen_) {
+  if (ctx_.filters.has_time_last_before && ctx_.filters.time_last_before < earliest_first_seen_) {
     log_printf(LOG_DEBUG, "time_last_before out of range, finishing query");
     finished_ = true;
     return nullptr;
   }
-  ctx_.candidates = ctx_.pattern_matches = ctx_.bytes_read = ctx_.pages_read = 0;
-  ctx_.first_match = {};
+  ctx_.counters = {};
   try {
     return gather();
   } catch (const search_timeout&) {
@@ -139,11 +128,12 @@ std::unique_ptr<search_result> tgdb_merger::gather() {
     }
 
     if (first_of_key) {
-      ++ctx_.candidates;
+      search_counters& c = ctx_.counters;
+      ++c.candidates;
       const std::string_view key = key_of(top->line);
-      if (match_line(ctx_, key.data(), key.size())) {
-        if (ctx_.pattern_matches == 0) ctx_.first_match = my_time_now();
-        ++ctx_.pattern_matches;
+      if (match_line(ctx_.match, key.data(), key.size())) {
+        if (c.pattern_matches == 0) c.first_match = my_time_now();
+        ++c.pattern_matches;
         merge_(pending, top->line);
         rejected = false;
       } else {
@@ -151,22 +141,30 @@ std::unique_ptr<search_result> tgdb_merger::gather() {
       }
     }
 
-    std::string_view line;
-    if (!top->source->get(line)) {
+    if (!advance(*top)) {
       heap_.pop();
       continue;
     }
-    top->line = line;
     heap_.siftup(0);
-    count_read(*top);
   }
   if (pending) return finish(std::move(pending));
   return nullptr;
 }
 
 std::unique_ptr<search_result> tgdb_merger::finish(std::unique_ptr<search_result> res) const {
-  if (!finish_result(ctx_, *res)) return nullptr;
+  if (!finish_result(ctx_.filters, *res)) return nullptr;
   return res;
+}
+
+bool tgdb_merger::advance(file_entry& entry) {
+  std::string_view line;
+  if (!entry.source->get(line)) {
+    if (entry.source->failed()) file_failed();
+    return false;
+  }
+  entry.line = line;
+  count_read(entry);
+  return true;
 }
 
 void tgdb_merger::count_read(file_entry& entry) {
@@ -175,20 +173,10 @@ void tgdb_merger::count_read(file_entry& entry) {
   const uint64_t n = entry.line.size();
   const uint64_t a = reinterpret_cast<uintptr_t>(entry.line.data());
   const uint64_t first = a / TGDB_PAGE, last = (a + n + 1) / TGDB_PAGE;
-  ctx_.bytes_read += n + 1;
-  ctx_.pages_read += first > entry.last_page ? last - first + 1 : last - first;
+  ctx_.counters.bytes_read += n + 1;
+  ctx_.counters.pages_read += first > entry.last_page ? last - first + 1 : last - first;
   entry.last_page = last;
 }
-
-std::unique_ptr<tgdb_merger> search_create(search_context& ctx, bool rdata) {
-  return std::make_unique<tgdb_merger>(ctx, rdata);
-}
-
-void search_add_index(tgdb_merger& search, std::shared_ptr<const tgdb> index) {
-  search.add_file(std::move(index));
-}
-
-std::unique_ptr<search_result> search_next(tgdb_merger& search) { return search.next(); }
 
 void merge_rrname(std::unique_ptr<search_result>& slot, std::string_view line) {
   const bool created = !slot;
@@ -207,10 +195,10 @@ void merge_rrname(std::unique_ptr<search_result>& slot, std::string_view line) {
     return;
   }
   for (const search_entry& e : parsed) {
-    auto same = std::find_if(entries.begin(), entries.end(),
-                             [&](const search_entry& x) { return x.rrtype == e.rrtype; });
+    auto same =
+        std::find_if(entries.begin(), entries.end(), [&](const search_entry& x) { return x.rrtype == e.rrtype; });
     if (same != entries.end()) {
-      widen(*same, e);
+      fold_entry(*same, e);
     } else {
       entries.push_back(e);
     }
@@ -246,45 +234,5 @@ void merge_rdata(std::unique_ptr<search_result>& slot, std::string_view line) {
   // of the other type is left out.
   search_entry& existing = slot->entries.front();
   if (existing.rrtype != parsed->entry.rrtype) return;
-  widen(existing, parsed->entry);
-}
-
-bool finish_result(const search_context& ctx, search_result& res) {
-  std::vector<search_entry> kept;
-  kept.reserve(res.entries.size());
-  for (search_entry e : res.entries) {
-    if (e.time_last == 0) e.time_last = e.time_first;
-    if (e.count == 0) e.count = 1;  // a line without a count was still seen once
-    if (type_filter(ctx, e.rrtype) && time_filter(ctx, e.time_first, e.time_last) && count_filter(ctx, e.count))
-      kept.push_back(e);
-  }
-  if (kept.empty()) return false;
-  res.entries = std::move(kept);
-  return true;
-}
-
-bool time_filter(const search_context& ctx, int64_t first_seen, int64_t last_seen) {
-  if (ctx.has_time_first_before && first_seen > ctx.time_first_before) return false;
-  if (ctx.has_time_first_after && first_seen < ctx.time_first_after) return false;
-  if (ctx.has_time_last_before && last_seen > ctx.time_last_before) return false;
-  if (ctx.has_time_last_after && last_seen < ctx.time_last_after) return false;
-  return true;
-}
-
-bool count_filter(const search_context& ctx, uint64_t count) {
-  return count >= ctx.count_min && (ctx.count_max == 0 || count <= ctx.count_max);
-}
-
-bool type_filter(const search_context& ctx, uint16_t rrtype) {
-  return ctx.rrtype_filter == 0 || ctx.rrtype_filter == rrtype;
-}
-
-bool file_time_filter(const search_context& ctx, int64_t first_seen, int64_t last_seen) {
-  if (!ctx.has_time_first_after && !ctx.has_time_first_before && !ctx.has_time_last_after &&
-      !ctx.has_time_last_before)
-    return true;
-  if (ctx.has_time_first_after || ctx.has_time_last_before) return true;
-  if (ctx.has_time_first_before && ctx.time_first_before > first_seen) return true;
-  if (ctx.has_time_last_after) return ctx.time_last_after < last_seen;
-  return false;
+  fold_entry(existing, parsed->entry);
 }

@@ -6,6 +6,10 @@
 // matcher; every line with that key from every file is then folded into one
 // search_result, which is filtered by type, time and count before it is
 // handed out.
+//
+// A file whose part of the search ends early (damage, a file that shrank)
+// or that could not take part at all makes the search incomplete: the other
+// files go on, and incomplete() tells the driver that the answer is partial.
 #pragma once
 
 #include <cstdint>
@@ -14,10 +18,10 @@
 #include <string_view>
 
 #include "libmy/heap.h"
+#include "tgdb/search_context.h"
 #include "tgdb/search_result.h"
 #include "tgdb/tgdb.h"
 #include "tgdb/tgdb_iter.h"
-#include "trigram/search_context.h"
 
 class tgdb_merger {
  public:
@@ -31,11 +35,18 @@ class tgdb_merger {
   // Admits one index file, unless the file-level time filter rules it out
   // or it has no candidate line. A deadline that passes here finishes the
   // whole search.
-  void add_file(std::shared_ptr<const tgdb> index);
+  void add_file(tgdb_ptr index);
 
   // The next merged and filtered result in key order; null when the search
   // is over or the deadline passed during this call.
   std::unique_ptr<search_result> next();
+
+  // Counts a file of the search that could not take part (the caller has
+  // said why).
+  void file_failed() { ++failed_files_; }
+  // True when some file's part of the search failed: the results are then
+  // not the whole answer.
+  bool incomplete() const { return failed_files_ != 0; }
 
   bool rdata() const { return rdata_; }
   bool finished() const { return finished_; }
@@ -52,6 +63,9 @@ class tgdb_merger {
 
   std::unique_ptr<search_result> gather();
   std::unique_ptr<search_result> finish(std::unique_ptr<search_result> res) const;
+  // Moves the entry's source to its next line; false (with a failed source
+  // counted) when it has none.
+  bool advance(file_entry& entry);
   void count_read(file_entry& entry);
 
   search_context& ctx_;
@@ -64,31 +78,14 @@ class tgdb_merger {
   bool finished_ = false;
   int64_t earliest_first_seen_ = 0;  // over the added files with a time range; 0: none yet
   int64_t latest_last_seen_ = 0;
+  size_t failed_files_ = 0;
 };
 
-// The driver's names for the merger's life cycle.
-std::unique_ptr<tgdb_merger> search_create(search_context& ctx, bool rdata);
-void search_add_index(tgdb_merger& search, std::shared_ptr<const tgdb> index);
-std::unique_ptr<search_result> search_next(tgdb_merger& search);
-inline void search_free(std::unique_ptr<tgdb_merger>& search) { search.reset(); }
+// The driver's name for fetching a result.
+inline std::unique_ptr<search_result> search_next(tgdb_merger& search) { return search.next(); }
 
 // Folds one line into the result in `slot`, creating the result when the
 // slot is empty. A line that does not parse contributes nothing (and leaves
 // a slot it would have filled empty).
 void merge_rrname(std::unique_ptr<search_result>& slot, std::string_view line);
 void merge_rdata(std::unique_ptr<search_result>& slot, std::string_view line);
-
-// Readies a gathered result for output: a last-seen of 0 becomes the
-// first-seen, a count of 0 becomes 1, and only the entries that pass the
-// type, time and count filters stay (in their order). False when none does.
-bool finish_result(const search_context& ctx, search_result& res);
-
-// Record-level filters (all bounds inclusive).
-bool time_filter(const search_context& ctx, int64_t first_seen, int64_t last_seen);
-bool count_filter(const search_context& ctx, uint64_t count);
-bool type_filter(const search_context& ctx, uint16_t rrtype);
-
-// Whether a file whose records span [first_seen, last_seen] can hold a
-// result. Deliberately strict, and the two open-interval bounds combine by
-// "or"; the complete-mode bounds are checked for the whole search instead.
-bool file_time_filter(const search_context& ctx, int64_t first_seen, int64_t last_seen);

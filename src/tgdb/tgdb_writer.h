@@ -1,6 +1,6 @@
-// Writes a complete trigram index file from record lines that are already
-// sorted in the order of the file's kind. Each line is indexed under the
-// trigrams of its key (the text before the first tab), anchored at both ends.
+// Writes a complete trigram index file (layout in tgdb_format.h) from record
+// lines that are already sorted in the order of the file's kind. Each line is
+// indexed under tgdb_line_trigrams.
 #pragma once
 
 #include <cstdint>
@@ -42,33 +42,4 @@ class tgdb_writer {
  private:
   struct impl;
   std::unique_ptr<impl> impl_;
-};
-
-// Encodes an ascending list of distinct line numbers (each below 2^37) as
-// posting list entries: ranges for runs, packed deltas where they fit,
-// singles otherwise.
-std::vector<uint8_t> encode_posting_list(std::span<const uint64_t> lines);
-
-// The same encoding, fed one line number at a time.
-class posting_encoder {
- public:
-  void add(uint64_t line);
-  // Flushes what is pending; the output is complete afterwards.
-  void finish();
-  const std::vector<uint8_t>& bytes() const { return out_; }
-  std::vector<uint8_t>& bytes() { return out_; }
-  uint64_t values() const { return values_; }
-
- private:
-  void put(uint64_t v);
-  void drain(bool final);
-
-  std::vector<uint8_t> out_;
-  uint64_t pending_[5] = {};
-  uint8_t npending_ = 0;
-  bool in_run_ = false;  // a run long enough for a range is being extended
-  uint64_t run_start_ = 0, run_end_ = 0;
-  bool has_base_ = false;  // the last entry can serve as a packed entry's base
-  uint64_t base_ = 0;
-  uint64_t values_ = 0;
 };

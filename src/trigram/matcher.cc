@@ -37,7 +37,7 @@ bool compile_pattern(const std::optional<std::string>& message_pattern, hs_datab
   return true;
 }
 
-bool compile_search(search_context& ctx, const char* expression, bool is_glob, int* status_out,
+bool compile_search(search_match& ctx, const char* expression, bool is_glob, int* status_out,
                     std::string* error_out) {
   std::string local_error;
   std::string* error = error_out ? error_out : &local_error;
@@ -50,7 +50,7 @@ bool compile_search(search_context& ctx, const char* expression, bool is_glob, i
   return compile_pattern(ctx.pattern, ctx.databases[0], ctx.scratches[0], ctx.pattern->c_str(), error);
 }
 
-bool compile_exclude(search_context& ctx, const char* expression, bool is_glob, std::string* error_out) {
+bool compile_exclude(search_match& ctx, const char* expression, bool is_glob, std::string* error_out) {
   std::string message;
   re_elem_ptr tree = is_glob ? glob_parse(expression, &message) : regex_parse(expression, &message);
   if (!tree) return fail(error_out, std::move(message));
@@ -64,7 +64,7 @@ int match_callback(unsigned int, unsigned long long, unsigned long long, unsigne
   return 1;  // the first match decides
 }
 
-bool match_line(search_context& ctx, const char* data, size_t length) {
+bool match_line(search_match& ctx, const char* data, size_t length) {
   if (!ctx.databases[0]) return true;
   unsigned char matched = 0, excluded = 0;
   hs_scan(ctx.databases[0].get(), data, static_cast<unsigned int>(length), 0, ctx.scratches[0].get(), match_callback,
@@ -75,5 +75,3 @@ bool match_line(search_context& ctx, const char* data, size_t length) {
             &excluded);
   return !excluded;
 }
-
-void free_search_context(std::unique_ptr<search_context>& ctx) { ctx.reset(); }

@@ -41,10 +41,9 @@ bool expand(const uint8_t* data, size_t size, int fd) {
   std::vector<uint8_t> in(data + 1, data + size);
   in.resize(std::max<size_t>(in.size(), TGDB_HEADER_SIZE + 1), 0);
   const uint8_t* h = in.data();
-  uint64_t r = 0;
-  if ((tgdb_get_u32(h + 8) & TGDB_FLAG_NREF) && tgdb_get_u32(h + 12) != 0) r = tgdb_get_u32(h + 12);
+  const uint64_t r = tgdb_header_decode(h).nref_size();
   if (r > MAX_NREF) return false;
-  const uint64_t p1 = tgdb_round_up(TGDB_MIN_SIZE + r);
+  const uint64_t p1 = tgdb_string_table_offset(r);
   if (ftruncate(fd, off_t(p1)) != 0 || !put(h, TGDB_HEADER_SIZE, 0)) return false;
   size_t pos = TGDB_HEADER_SIZE;
   size_t k = in[pos++];
@@ -56,24 +55,25 @@ bool expand(const uint8_t* data, size_t size, int fd) {
     uint8_t entry[16];
     memcpy(entry, e + 4, 8);
     for (int i = 0; i < 8; ++i) entry[8 + i] = uint8_t(offset >> (8 * i));
-    if (!put(entry, 16, TGDB_HEADER_SIZE + r + 16 * uint64_t{t})) return false;
+    if (!put(entry, 16, TGDB_HEADER_SIZE + r + TGDB_DIR_ENTRY_SIZE * uint64_t{t})) return false;
   }
   return pos >= in.size() || put(h + pos, in.size() - pos, p1);
 }
 
-void exercise(const std::shared_ptr<tgdb>& db) {
-  search_context ctx;
+void exercise(const tgdb_ptr& db) {
+  index_walk walk;
   std::vector<int32_t> present;
   uint64_t budget = WALK_CAP;
   for (int32_t t = 0; t < TRIGRAM_COUNT; ++t) {
-    if (db->posting(t).empty()) continue;
+    const posting_list list = db->posting(t);
+    if (list.empty()) continue;
     present.push_back(t);
     // Hostile lists can hold ranges of billions of lines: share one budget.
-    tracker walker(db, ctx, t);
+    tracker walker(list, walk, t);
     if (!walker.load()) continue;
     uint64_t v;
     while (budget > 0 && n_iter_next(walker, v)) --budget;
-    tracker seeker(db, ctx, t);
+    tracker seeker(list, walk, t);
     seeker.load();
     for (uint64_t target = 0, step = 1; budget > 0 && seeker.op_get(v); step = step * 3 + 1, --budget) {
       target = std::max(target + step, v + 1);
@@ -82,32 +82,27 @@ void exercise(const std::shared_ptr<tgdb>& db) {
   }
   // A query over the first few lists, as unions and intersections.
   if (present.size() >= 2) {
-    ctx.query = trigram_query_create(TQ_UNION, 2, TQ_SET, 1);
-    ctx.query->members[0]->ids = {present[0], present[1]};
-    ctx.query->members[1]->ids = {present.back()};
+    auto query = trigram_query_create(TQ_UNION, 2, TQ_SET, 1);
+    query->members[0]->ids = {present[0], present[1]};
+    query->members[1]->ids = {present.back()};
     bool failed;
-    if (auto src = make_candidate_source(db, ctx, failed)) {
+    if (auto src = make_candidate_source(db, query.get(), nullptr, failed)) {
       std::string_view line;
       for (uint64_t n = 0; n < WALK_CAP && src->get(line); ++n) {
       }
     }
-    ctx.query.reset();
   }
   bool failed;
-  auto scan = make_candidate_source(db, ctx, failed);
+  auto scan = make_candidate_source(db, nullptr, nullptr, failed);
   std::string_view line;
   uint64_t lines = 0;
   while (scan->get(line)) ++lines;
-  // Lines in order (through the cache), then backwards (through the index).
+  // Lines in order (stepping on), then backwards (through the line index).
+  tgdb_line_cursor cursor(*db);
   uint64_t n = 0;
-  for (; n < WALK_CAP; ++n) {
-    const char* p = tgdb_line(*db, n);
-    if (!p) break;
-    tgdb_line_text(*db, p);
+  for (; n < WALK_CAP && cursor.line(n); ++n) {
   }
-  for (uint64_t i = n + 70; i-- > 0;) {
-    if (const char* p = tgdb_line(*db, i)) tgdb_line_text(*db, p);
-  }
+  for (uint64_t i = n + 70; i-- > 0;) cursor.line(i);
 }
 
 int memfd = -1;

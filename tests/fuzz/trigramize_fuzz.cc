@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   re_elem_ptr tree = is_glob ? glob_parse(expression.c_str(), nullptr) : regex_parse(expression.c_str(), nullptr);
   if (tree && re_elem_repeat_depth(tree.get()) > 8) return 0;
 
-  search_context ctx;
+  search_match ctx;
   std::string error;
   int status = 0;
   if (!compile_search(ctx, expression.c_str(), is_glob, &status, &error)) {

@@ -12,7 +12,7 @@
 enum class input_format { detect, json, zone, lines };
 enum class index_kind { both, rrname, rdata };
 // What the command line asks for.
-enum class bake_action { bake, help, version };
+enum class bake_action { bake, help, version, check };  // check: verify the inputs as index files
 
 struct bake_options {
   bake_action action = bake_action::bake;

@@ -12,6 +12,7 @@
 #include "libmy/version.h"
 #include "libmy/my_unfinished_file.h"
 #include "log/log.h"
+#include "tgdb/tgdb_check.h"
 
 void bake_usage(FILE* out) {
   fputs(
@@ -39,6 +40,7 @@ void bake_usage(FILE* out) {
       "  --threads N        parsing threads (default: one per processor)\n"
       "  --no-sync          do not flush the files to disk before renaming them (faster;\n"
       "                     for scratch files)\n"
+      "  --check FILE...    verify index files instead of baking; exit 1 at the first fault\n"
       "  -q                 no progress line\n"
       "  -h, --help         show this help\n"
       "  --version          show the version\n"
@@ -51,7 +53,7 @@ void bake_usage(FILE* out) {
 namespace {
 
 enum {
-  OPT_STRICT = 256, OPT_FORMAT, OPT_KIND, OPT_TIME, OPT_ORIGIN, OPT_FILESET, OPT_THREADS, OPT_NO_SYNC, OPT_VERSION
+  OPT_STRICT = 256, OPT_FORMAT, OPT_KIND, OPT_TIME, OPT_ORIGIN, OPT_FILESET, OPT_THREADS, OPT_NO_SYNC, OPT_VERSION, OPT_CHECK
 };
 const option long_options[] = {
     {"strict", no_argument, nullptr, OPT_STRICT},       {"format", required_argument, nullptr, OPT_FORMAT},
@@ -59,7 +61,8 @@ const option long_options[] = {
     {"origin", required_argument, nullptr, OPT_ORIGIN}, {"fileset", required_argument, nullptr, OPT_FILESET},
     {"threads", required_argument, nullptr, OPT_THREADS}, {"no-sync", no_argument, nullptr, OPT_NO_SYNC},
     {"help", no_argument, nullptr, 'h'},                {"quiet", no_argument, nullptr, 'q'},
-    {"version", no_argument, nullptr, OPT_VERSION},     {nullptr, 0, nullptr, 0},
+    {"version", no_argument, nullptr, OPT_VERSION},     {"check", no_argument, nullptr, OPT_CHECK},
+    {nullptr, 0, nullptr, 0},
 };
 
 // One of a fixed set of words.
@@ -142,6 +145,9 @@ bool apply_option(int c, const std::string& arg, bake_options& out, std::string&
     case OPT_VERSION:
       out.action = bake_action::version;
       return true;
+    case OPT_CHECK:
+      out.action = bake_action::check;
+      return true;
     case 'o':
       return parse_path("-o", "a prefix", arg, out.prefix, err);
     case OPT_STRICT:
@@ -174,6 +180,11 @@ bool apply_option(int c, const std::string& arg, bake_options& out, std::string&
 
 // What the options ask for as a whole.
 bool check_options(const bake_options& out, std::string& err) {
+  if (out.action == bake_action::check) {
+    if (!out.inputs.empty()) return true;
+    err = "--check needs the index files to check";
+    return false;
+  }
   if (out.prefix.empty()) {
     err = "an output prefix is required (-o PREFIX)";
     return false;
@@ -202,10 +213,23 @@ bool parse_bake_args(int argc, char** argv, bake_options& out, std::string& err)
       return false;
     }
     if (!apply_option(c, optarg ? optarg : "", out, err)) return false;
-    if (out.action != bake_action::bake) return true;
+    if (out.action == bake_action::help || out.action == bake_action::version) return true;
   }
   for (int i = optind; i < argc; ++i) out.inputs.emplace_back(argv[i]);
   return check_options(out, err);
+}
+
+// ixbake --check: 0 when every file is sound, else 1 after naming each
+// faulty file's first fault.
+int check_index_files(const std::vector<std::string>& files) {
+  int status = 0;
+  for (const std::string& file : files) {
+    if (auto fault = tgdb_check(file.c_str())) {
+      fprintf(stderr, "ixbake: %s\n", fault->c_str());
+      status = 1;
+    }
+  }
+  return status;
 }
 
 int ixbake_main(int argc, char** argv) {
@@ -229,6 +253,7 @@ int ixbake_main(int argc, char** argv) {
     printf("ixbake %s\n", VORN_VERSION);
     return 0;
   }
+  if (opts.action == bake_action::check) return check_index_files(opts.inputs);
   if (bake(opts, err)) return 0;
   // One message a line, each marked as ours.
   std::istringstream lines(err);
