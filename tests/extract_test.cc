@@ -74,23 +74,4 @@ TEST(extract, selectivity) {
   }
 }
 
-TEST(extract, pathological_expressions_stay_sound) {
-  std::string letters = "(a", nested = "abc";
-  for (char c = 'b'; c <= 'z'; ++c) letters += std::string("|") + c;
-  for (int i = 0; i < 495; ++i) nested = "(" + nested + "|xyz)w";  // near the deepest tree the parser gives
-  const std::string cases[][2] = {
-      {letters + "){50}", std::string(50, 'q')},
-      {"[a-z]{1000}", std::string(1000, 'k')},
-      {std::string(3000, 'x'), std::string(3000, 'X')},
-      {"(" + std::string(1500, '.') + "|zz)", "zz"},
-      {nested, "xyzw"},
-  };
-  for (const auto& [expression, key] : cases) {
-    std::string error;
-    trigram_query_ptr q = trigramize(expression.c_str(), nullptr, nullptr, &error, false);
-    EXPECT_TRUE(error.empty());
-    EXPECT_TRUE(accepts_key(q.get(), key)) << expression.substr(0, 40);
-  }
-}
-
 }  // namespace

@@ -4,12 +4,20 @@
 
 #include <gtest/gtest.h>
 
+#include "reparse/reparse.h"
 #include "tests/support/log_capture.h"
 #include "trigram/matcher.h"
+#include "trigram/trigram.h"
 
 namespace {
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+std::string times(const std::string& s, size_t n) {
+  std::string out;
+  for (size_t i = 0; i < n; ++i) out += s;
+  return out;
+}
 
 TEST(trigramize, statuses_log_lines_and_table_scan_fallback) {
   const struct {
@@ -96,6 +104,65 @@ TEST(matcher, errors) {
   ASSERT_TRUE(compile_search(ctx, "abc", false, nullptr, &error));
   EXPECT_FALSE(compile_exclude(ctx, "b{65534}", false, &error));
   EXPECT_EQ(error, "Internal regexp error: Bounded repeat is too large. (abc)");
+}
+
+// Hostile patterns of up to 4,095 bytes, each refused with a position or
+// compiled, with a query that lets through a key the pattern matches. How
+// long they take is the benchmarks' business.
+TEST(matcher, hostile_patterns_are_refused_or_compiled) {
+  std::string words = "(x", nested = "abc";
+  for (int i = 0; i < 700; ++i) words += "|w" + std::to_string(i) + "q";
+  for (int i = 0; i < 495; ++i) nested = "(" + nested + "|xyz)w";  // near the deepest tree the parser gives
+  const struct {
+    std::string expression;
+    bool glob;
+    std::string outcome;  // "!" and the error, or a key the pattern must confirm
+  } rows[] = {
+      {times("*", 4095), true, "anything"},
+      {times("*?", 600), true, "!Pattern too complex at 64: more than 64 classes, wildcards and repetitions"},
+      {times("?", 4095), true, "!Pattern too complex at 64: more than 64 classes, wildcards and repetitions"},
+      {"a" + times("*", 2000) + "." + times("*", 2000), true, "a.b"},
+      {"^" + times(".*", 2000) + "$", false, "anything"},
+      {times(".*a", 1300), false, "!Pattern too complex at 192: more than 64 classes, wildcards and repetitions"},
+      {"^" + times(".?", 2000) + "$", false, "!Pattern too complex at 129: more than 64 classes, wildcards and repetitions"},
+      {times("(a|b)?", 500), false, "!Pattern too complex at 198: too many optional parts in a row"},
+      {"^" + times("(.*|a)", 600) + "$", false, "!Pattern too complex at 199: too many optional parts in a row"},
+      {"((a|b)?){50}c", false, "!Pattern too complex at 0: too many optional parts in a row"},
+      {times("a.c", 1365), false, "!Pattern too complex at 193: more than 64 classes, wildcards and repetitions"},
+      {times("[ab]", 1000), false, "!Pattern too complex at 256: more than 64 classes, wildcards and repetitions"},
+      {"(" + times(".", 1500) + "|zz)", false, "!Pattern too complex at 65: more than 64 classes, wildcards and repetitions"},
+      {times("x.{1,100}", 20), false, "!Pattern too complex at 19: bounded repetitions span more than 256 characters"},
+      {"(ab|cd){1000}", false, "!Pattern too complex at 0: repeated groups write out more than 1024 characters"},
+      {"(a|b|c|d|e|f|g|h|i|j|k|l|m|n|o|p|q|r|s|t|u|v|w|x|y|z){50}", false,
+       "!Pattern too complex at 0: repeated groups write out more than 1024 characters"},
+      {"a{65535}", false, "!Internal regexp error: Bounded repeat is too large. (a{65535})"},
+      {"[a-z]{1000}", false, times("k", 1000)},
+      {times("x", 4095), false, times("X", 4095)},
+      {words + ")", false, "w699q"},
+      {times("(", 490) + "a" + times(")", 490), false, "a"},
+      {nested, false, "xyzw"},
+      {"x" + times("+", RE_MAX_REPEAT_NESTING), false, "xx"},
+      {"^([a-z0-9]([a-z0-9-]{0,61}[a-z0-9])?\\.)+[a-z]{2,}$", false, "mail.example.com"},
+      {"^([0-9a-f]{1,4}:){7}[0-9a-f]{1,4}$", false, "2001:db8:0:0:0:0:2:1"},
+  };
+  for (const auto& row : rows) {
+    ASSERT_LE(row.expression.size(), 4095u);
+    search_context ctx;
+    std::string error;
+    const bool compiled = compile_search(ctx, row.expression.c_str(), row.glob, nullptr, &error);
+    const std::string shown = row.expression.substr(0, 60);
+    if (row.outcome.starts_with("!")) {
+      EXPECT_FALSE(compiled) << shown;
+      EXPECT_EQ("!" + error, row.outcome) << shown;
+      continue;
+    }
+    EXPECT_TRUE(compiled) << shown << ": " << error;
+    if (!compiled) continue;
+    EXPECT_TRUE(match_line(ctx, row.outcome.data(), row.outcome.size())) << shown;
+    trigram_bitmap present;
+    add_literal_trigrams(present, row.outcome, true, true);
+    EXPECT_TRUE(trigram_query_accepts(ctx.query.get(), present)) << shown;
+  }
 }
 
 }  // namespace
