@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "trigram/matcher.h"
 #include "trigram/trigram.h"
 #include "trigram/trigramize.h"
 
@@ -71,6 +72,55 @@ TEST(extract, selectivity) {
     }
     for (const std::string& key : row.accepted) EXPECT_TRUE(accepts_key(q.get(), key)) << key << ": " << shown;
     for (const std::string& key : row.rejected) EXPECT_FALSE(accepts_key(q.get(), key)) << key << ": " << shown;
+  }
+}
+
+// Capitals and mixed-case classes and ranges. Matching ignores case, while
+// the index folds capitals and codes other bytes apart, so a class such as
+// [Q-z] stands for letters, '^' and '@'-coded bytes at once. Over lines that
+// match and lines that nearly do, every line the matcher confirms must pass
+// the query (soundness), and the query must still require the trigrams the
+// expression forces (selectivity).
+TEST(extract, capitals_and_mixed_case_classes) {
+  const struct {
+    const char* expression;
+    bool glob;
+    std::vector<std::string> lines;     // each checked: confirmed means accepted
+    std::vector<std::string> matching;  // those the matcher must confirm
+    std::vector<std::string> required;  // each alone is required
+    std::vector<std::string> rejected;  // near misses the query keeps out
+  } rows[] = {
+      // clang-format off
+      {"x[A-Z]y", false, {"xAy", "xqy", "XZY", "x-y", "x1y", "xAAy"}, {"xAy", "xqy", "XZY"}, {}, {"x1y", "x-y"}},
+      {"ab[Q-z]cd", false, {"abQcd", "abqcd", "ab_cd", "ab^cd", "ab`cd", "ab\\cd", "ab]cd", "ab-cd", "ab1cd", "abPcd"},
+       {"abQcd", "ab_cd", "ab^cd", "ab`cd", "ab\\cd"}, {}, {"ab1cd", "ab-cd", "abcd"}},
+      {"[^A-Z]ogin\\.", false, {"1ogin.", "-ogin.", "login.", "Login.", "ogin.", "x ogin."}, {"1ogin.", "-ogin."},
+       {"ogi", "gin", "in."}, {}},
+      {"^[A-Za-z0-9]{3}\\.com", false, {"ABC.com", "a1Z.COM", "ab.com", "a-c.com", "abcd.com"}, {"ABC.com", "a1Z.COM"},
+       {".co", "com"}, {"abc.net"}},  // 36 symbols: too wide to expand
+      {"LOGIN[0-9]+", false, {"login5", "LOGIN55", "LoGiN9x", "LOGINx", "LOGI5"}, {"login5", "LOGIN55", "LoGiN9x"},
+       {"log", "ogi", "gin"}, {"loginx"}},
+      {"[[:upper:]]{2}-mail", false, {"AB-mail", "ab-MAIL", "A-mail", "A1-mail"}, {"AB-mail", "ab-MAIL"},
+       {"-ma", "mai", "ail"}, {"a1-mail"}},
+      {"[!A-Z]bc.ORG", true, {"1bc.org", "_BC.ORG", "abc.org", "Zbc.org", "bc.org"}, {"1bc.org", "_BC.ORG"},
+       {"bc.", "c.o", ".or", "org", "rg^"}, {}},
+      // clang-format on
+  };
+  for (const auto& row : rows) {
+    search_context ctx;
+    std::string error;
+    ASSERT_TRUE(compile_search(ctx, row.expression, row.glob, nullptr, &error)) << row.expression << ": " << error;
+    const std::string shown = std::string(row.expression) + " -> " + trigram_query_to_text(ctx.query.get());
+    for (const std::string& line : row.lines) {
+      const bool confirmed = match_line(ctx, line.data(), line.size());
+      if (confirmed) EXPECT_TRUE(accepts_key(ctx.query.get(), line)) << line << ": " << shown;
+      const bool wanted = std::find(row.matching.begin(), row.matching.end(), line) != row.matching.end();
+      if (wanted) EXPECT_TRUE(confirmed) << line << ": " << row.expression;
+    }
+    ASSERT_NE(ctx.query, nullptr) << shown;
+    EXPECT_TRUE(accepts_all_but(ctx.query.get(), {})) << shown;
+    for (const std::string& t : row.required) EXPECT_FALSE(accepts_all_but(ctx.query.get(), {t})) << t << ": " << shown;
+    for (const std::string& key : row.rejected) EXPECT_FALSE(accepts_key(ctx.query.get(), key)) << key << ": " << shown;
   }
 }
 

@@ -96,7 +96,7 @@ TEST(reparse, regex_nesting_limit) {
 TEST(reparse, glob_written_back_or_refused) {
   const parse_case cases[] = {
       {"", "^$"}, {"abc", "^abc$"}, {"*", "^.*$"}, {"a?c", "^a.c$"}, {"*.txt", "^.*\\.txt$"},
-      {"a(b)", "^a\\(b\\)$"}, {"{x}|+^$", "^\\{x}\\|\\+\\^\\$$"}, {"[!a]", "^[^a]$"},
+      {"a(b)", "^a\\(b\\)$"}, {"{x}|+^$", "^\\{x}\\|\\+\\^\\$$"}, {"[!a]", "^[^a]$"}, {"x[!.-]y", "^x[^\\-.]y$"},
       {"[^a]", "^[\\^a]$"}, {"a[b]c", "^abc$"}, {"[[:digit:]]*", "^[0-9].*$"},
       {"a\\*b", "^a\\*b$"}, {"a\\", "^a$"}, {"\\", "^$"}, {"a\\\tb", "^a\tb$"},
       {"[abc", "!Unmatched [ at 0"}, {"x[!abc", "!Unmatched [! at 1"},
