@@ -132,8 +132,15 @@ bool sequence_add(re_elem& seq, re_elem_ptr& pending, std::string* err, int pos)
   }
 
   if (pending->type == re_elem_sequence) {
-    // Spliced members keep their own boundaries: no merging here.
-    for (re_elem_ptr& m : pending->children) seq.children.push_back(std::move(m));
+    // Spliced literals keep their own boundaries; a class run that meets
+    // one across the splice still collapses, so that the written form reads
+    // back the same.
+    for (re_elem_ptr& m : pending->children) {
+      if (!seq.children.empty() && same_open_class_run(*seq.children.back(), *m))
+        seq.children.back()->min += m->min;
+      else
+        seq.children.push_back(std::move(m));
+    }
     pending.reset();
     return true;
   }
