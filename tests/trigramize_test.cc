@@ -120,7 +120,8 @@ TEST(matcher, hostile_patterns_are_refused_or_compiled) {
       {times("a.c", 1365), false, "!Pattern too complex at 193: more than 64 classes, wildcards and repetitions"},
       {times("[ab]", 1000), false, "!Pattern too complex at 256: more than 64 classes, wildcards and repetitions"},
       {"(" + times(".", 1500) + "|zz)", false, "!Pattern too complex at 65: more than 64 classes, wildcards and repetitions"},
-      {times("x.{1,100}", 20), false, "!Pattern too complex at 19: bounded repetitions span more than 256 characters"},
+      {times("x.{1,100}", 20), false, "!Pattern too complex at 46: bounded repetitions span more than 512 characters"},
+      {"x.{0,2000}y", false, "!Pattern too complex at 1: bounded repetitions span more than 512 characters"},
       {"(ab|cd){1000}", false, "!Pattern too complex at 0: repeated groups write out more than 1024 characters"},
       {"(a|b|c|d|e|f|g|h|i|j|k|l|m|n|o|p|q|r|s|t|u|v|w|x|y|z){50}", false,
        "!Pattern too complex at 0: repeated groups write out more than 1024 characters"},
@@ -131,7 +132,9 @@ TEST(matcher, hostile_patterns_are_refused_or_compiled) {
       {times("(", 490) + "a" + times(")", 490), false, "a"},
       {nested, false, "xyzw"},
       {"x" + times("+", RE_MAX_REPEAT_NESTING), false, "xx"},
-      {"^([a-z0-9]([a-z0-9-]{0,61}[a-z0-9])?\\.)+[a-z]{2,}$", false, "mail.example.com"},
+      // Spans that end where their class cannot go on count less: a label and its dot.
+      {"^([a-z0-9]([a-z0-9-]{0,61}[a-z0-9])?\\.){2,8}[a-z]{2,63}$", false, "mail.example.com"},
+      {"^([a-z0-9-]{1,63}\\.){20}", false, times("a.", 20)},
       {"^([0-9a-f]{1,4}:){7}[0-9a-f]{1,4}$", false, "2001:db8:0:0:0:0:2:1"},
   };
   for (const auto& row : rows) {

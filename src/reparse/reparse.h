@@ -49,7 +49,7 @@ inline constexpr size_t RE_MAX_REPEAT_NESTING = 16;
 
 // The complexity budget of a pattern (see re_elem_within_budget).
 inline constexpr size_t PATTERN_MAX_STATES = 64;         // classes, wildcards, repeated characters
-inline constexpr size_t PATTERN_MAX_SPAN = 256;          // optional characters of bounded repetitions
+inline constexpr size_t PATTERN_MAX_SPAN = 512;          // optional characters of bounded repetitions
 inline constexpr size_t PATTERN_MAX_WRITTEN_OUT = 1024;  // characters added by writing out repeated groups
 inline constexpr size_t PATTERN_MAX_SKIP_LINKS = 2048;   // links across optional parts in a row
 
