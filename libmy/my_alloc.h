@@ -2,8 +2,6 @@
 // the allocating; these keep the process's assertion texts.
 #pragma once
 
-#include <cstddef>
-
 [[noreturn]] void my_assert_fail(const char* text, const char* file, int line);
 // Prints the system error for `what` (as perror does) and exits with status 1.
 [[noreturn]] void my_fatal_errno(const char* what);
@@ -12,8 +10,3 @@
   do {                                                       \
     if (!(cond)) my_assert_fail((text), __FILE__, __LINE__); \
   } while (0)
-
-void* my_malloc(size_t size);
-void* my_calloc(size_t count, size_t size);
-void* my_realloc(void* ptr, size_t size);
-char* my_strdup(const char* text);

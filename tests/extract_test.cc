@@ -1,5 +1,5 @@
 // Selectivity of the trigram query: which trigrams a line must hold, checked
-// by evaluating the query, plus the tree preparation.
+// by evaluating the query.
 #include "trigram/extract.h"
 
 #include <gtest/gtest.h>
@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "trigram/matcher.h"
 #include "trigram/trigram.h"
 #include "trigram/trigramize.h"
 
@@ -74,42 +75,54 @@ TEST(extract, selectivity) {
   }
 }
 
-TEST(extract, pathological_expressions_stay_sound) {
-  std::string letters = "(a", nested = "abc";
-  for (char c = 'b'; c <= 'z'; ++c) letters += std::string("|") + c;
-  for (int i = 0; i < 495; ++i) nested = "(" + nested + "|xyz)w";  // near the deepest tree the parser gives
-  const std::string cases[][2] = {
-      {letters + "){50}", std::string(50, 'q')},
-      {"[a-z]{1000}", std::string(1000, 'k')},
-      {std::string(3000, 'x'), std::string(3000, 'X')},
-      {"(" + std::string(1500, '.') + "|zz)", "zz"},
-      {nested, "xyzw"},
+// Capitals and mixed-case classes and ranges. Matching ignores case, while
+// the index folds capitals and codes other bytes apart, so a class such as
+// [Q-z] stands for letters, '^' and '@'-coded bytes at once. Over lines that
+// match and lines that nearly do, every line the matcher confirms must pass
+// the query (soundness), and the query must still require the trigrams the
+// expression forces (selectivity).
+TEST(extract, capitals_and_mixed_case_classes) {
+  const struct {
+    const char* expression;
+    bool glob;
+    std::vector<std::string> lines;     // each checked: confirmed means accepted
+    std::vector<std::string> matching;  // those the matcher must confirm
+    std::vector<std::string> required;  // each alone is required
+    std::vector<std::string> rejected;  // near misses the query keeps out
+  } rows[] = {
+      // clang-format off
+      {"x[A-Z]y", false, {"xAy", "xqy", "XZY", "x-y", "x1y", "xAAy"}, {"xAy", "xqy", "XZY"}, {}, {"x1y", "x-y"}},
+      {"ab[Q-z]cd", false, {"abQcd", "abqcd", "ab_cd", "ab^cd", "ab`cd", "ab\\cd", "ab]cd", "ab-cd", "ab1cd", "abPcd"},
+       {"abQcd", "ab_cd", "ab^cd", "ab`cd", "ab\\cd"}, {}, {"ab1cd", "ab-cd", "abcd"}},
+      {"[^A-Z]ogin\\.", false, {"1ogin.", "-ogin.", "login.", "Login.", "ogin.", "x ogin."}, {"1ogin.", "-ogin."},
+       {"ogi", "gin", "in."}, {}},
+      {"^[A-Za-z0-9]{3}\\.com", false, {"ABC.com", "a1Z.COM", "ab.com", "a-c.com", "abcd.com"}, {"ABC.com", "a1Z.COM"},
+       {".co", "com"}, {"abc.net"}},  // 36 symbols: too wide to expand
+      {"LOGIN[0-9]+", false, {"login5", "LOGIN55", "LoGiN9x", "LOGINx", "LOGI5"}, {"login5", "LOGIN55", "LoGiN9x"},
+       {"log", "ogi", "gin"}, {"loginx"}},
+      {"[[:upper:]]{2}-mail", false, {"AB-mail", "ab-MAIL", "A-mail", "A1-mail"}, {"AB-mail", "ab-MAIL"},
+       {"-ma", "mai", "ail"}, {"a1-mail"}},
+      {"[!A-Z]bc.ORG", true, {"1bc.org", "_BC.ORG", "abc.org", "Zbc.org", "bc.org"}, {"1bc.org", "_BC.ORG"},
+       {"bc.", "c.o", ".or", "org", "rg^"}, {}},
+      // clang-format on
   };
-  for (const auto& [expression, key] : cases) {
+  for (const auto& row : rows) {
+    search_match ctx;
     std::string error;
-    trigram_query_ptr q = trigramize(expression.c_str(), nullptr, nullptr, &error, false);
-    EXPECT_TRUE(error.empty());
-    EXPECT_TRUE(accepts_key(q.get(), key)) << expression.substr(0, 40);
+    ASSERT_TRUE(compile_search(ctx, row.expression, row.glob, nullptr, &error)) << row.expression << ": " << error;
+    const std::string shown = std::string(row.expression) + " -> " + trigram_query_to_text(ctx.query.get());
+    for (const std::string& line : row.lines) {
+      const bool confirmed = match_line(ctx, line.data(), line.size());
+      // Soundness: a confirmed line passes; and the lines meant to match do.
+      EXPECT_TRUE(!confirmed || accepts_key(ctx.query.get(), line)) << line << ": " << shown;
+      const bool wanted = std::find(row.matching.begin(), row.matching.end(), line) != row.matching.end();
+      EXPECT_TRUE(!wanted || confirmed) << line << ": " << row.expression;
+    }
+    ASSERT_NE(ctx.query, nullptr) << shown;
+    EXPECT_TRUE(accepts_all_but(ctx.query.get(), {})) << shown;
+    for (const std::string& t : row.required) EXPECT_FALSE(accepts_all_but(ctx.query.get(), {t})) << t << ": " << shown;
+    for (const std::string& key : row.rejected) EXPECT_FALSE(accepts_key(ctx.query.get(), key)) << key << ": " << shown;
   }
-}
-
-TEST(extract, tree_preparation) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"x[A-C*^]y", "x[@\\^a-c]y"},           // onto the alphabet; '^' kept
-      {"x[ab]{2,5}y", "x[ab]{2}.*[ab]{2}y"},  // variable run: head, gap, tail
-      {"xb{3}", "xbbb"},                 // fixed repetition written out
-      {"(a{2,4}|bc)", "(aaa{0,2}|bc)"},  // in a group: two copies, then the rest
-      {"xa{3,5}", "xaaaa{0,2}"},         // bounded short literal
-      {"x[a-z0-9_]y", "x.y"},            // wider than 30 members
-      {"(^ab){2}x", "(^ab){2}x"},        // an anchor inside a repetition stays inside
-  };
-  for (const auto& [regex, prepared] : rows) {
-    re_elem_ptr tree = fixup_tree(regex_parse(regex, nullptr));
-    ASSERT_NE(tree, nullptr) << regex;
-    EXPECT_EQ(re_elem_serialize(*tree), prepared) << regex;
-  }
-  // The bytes a class's written form matches: a run reaching byte 255 is cut to its first byte.
-  EXPECT_EQ(class_written_bits({0, 0, 0, ~uint64_t{0}}), (re_class_bits{0, 0, 0, 1}));
 }
 
 }  // namespace

@@ -70,7 +70,16 @@ TEST(reparse, regex_written_back_or_refused) {
       {"[abc", "!Unmatched [ at 0"}, {"[^abc", "!Unmatched [^ at 0"}, {"[]", "!Unmatched [ at 0"},
       {"a\\]", "!Invalid escaped character \\] at 1"}, {"a\\", "!Invalid unescaped '\\' at end of regexp"},
       {"(ab", "!Premature end of regexp"}, {"ab)", "!Unmatched ) at 2"}, {"[a\tb]", "!Invalid character code 9 at 2"},
-      {"\xc3\xa9", "!Invalid character code 195 at 0"},
+      // Names are stored in their xn-- form; a whole label that converts is shown converted.
+      {"^b\xc3\xbc" "cher\\.de$", "!Invalid character code 195 at 2: names are stored in their xn-- form; "
+                             "write 'xn--bcher-kva' for 'b\xc3\xbc" "cher'"},
+      {"(\xc3\xa9|x)", "!Invalid character code 195 at 1: names are stored in their xn-- form; write 'xn--9ca' for '\xc3\xa9'"},
+      {"b\xc3\xbc+", "!Invalid character code 195 at 1: names are stored in their xn-- form"},  // part of a label
+      {"\xff", "!Invalid character code 255 at 0: names are stored in their xn-- form"},    // no UTF-8
+      {"[\xc3\xa9]", "!Invalid character code 195 at 1: names are stored in their xn-- form"},
+      // Runs of one class without an upper bound collapse.
+      {"a.*.*b", "a.*b"}, {"[a-z]+[a-z]*x", "[a-z]+x"}, {"x.*.+.{2,}", "x.{3,}"}, {".*a.*", ".*a.*"},
+      {"[ab]*[ac]*", "[ab]*[ac]*"}, {"a*a*", "a*a*"}, {".?.*", ".?.*"}, {"(.*)(.*)", ".*"}, {"(.*)*.*", "(.*)*.*"}, {".*(.*x)", ".*x"},
   };
   for (const parse_case& c : cases) EXPECT_EQ(outcome(false, c.in), c.out) << c.in;
 }
@@ -87,12 +96,22 @@ TEST(reparse, regex_nesting_limit) {
 TEST(reparse, glob_written_back_or_refused) {
   const parse_case cases[] = {
       {"", "^$"}, {"abc", "^abc$"}, {"*", "^.*$"}, {"a?c", "^a.c$"}, {"*.txt", "^.*\\.txt$"},
-      {"a(b)", "^a\\(b\\)$"}, {"{x}|+^$", "^\\{x}\\|\\+\\^\\$$"}, {"[!a]", "^[^a]$"},
+      {"a(b)", "^a\\(b\\)$"}, {"{x}|+^$", "^\\{x}\\|\\+\\^\\$$"}, {"[!a]", "^[^a]$"}, {"x[!.-]y", "^x[^\\-.]y$"},
       {"[^a]", "^[\\^a]$"}, {"a[b]c", "^abc$"}, {"[[:digit:]]*", "^[0-9].*$"},
       {"a\\*b", "^a\\*b$"}, {"a\\", "^a$"}, {"\\", "^$"}, {"a\\\tb", "^a\tb$"},
       {"[abc", "!Unmatched [ at 0"}, {"x[!abc", "!Unmatched [! at 1"},
       {"a\tb", "!Invalid character code 9 at 1"}, {"ab[z-a]", "!Invalid range at 5"},
       {"[[:nope:]]", "!Invalid character class name at 0"},
+      // A name written fully qualified: one final dot is dropped, unless escaped or alone.
+      {"a.root-servers.net.", "^a\\.root-servers\\.net$"}, {"*.", "^.*$"}, {"a..", "^a\\.$"},
+      {"a\\.", "^a\\.$"}, {".", "^\\.$"}, {"a.\\", "^a\\.$"},
+      {"**a***", "^.*a.*$"}, {"*?*", "^.*..*$"},
+      // Labels in Unicode are searched for in their xn-- form.
+      {"b\xc3\xbc" "cher.de", "^xn--bcher-kva\\.de$"}, {"*.B\xc3\x9c" "CHER.de.", "^.*\\.xn--bcher-kva\\.de$"},
+      {"www.\xe4\xb8\xad\xe6\x96\x87.*", "^www\\.xn--fiq228c\\..*$"},
+      {"a.b\xc3\xbc*.de", "!Cannot convert label at 2 to its xn-- form: it holds wildcards"},
+      {"[b\xc3\xbc]x", "!Cannot convert label at 0 to its xn-- form: it holds wildcards"},
+      {"x.\xff.de", "!Cannot convert label at 2 to its xn-- form: string encoding error"},
   };
   for (const parse_case& c : cases) EXPECT_EQ(outcome(true, c.in), c.out) << c.in;
 }

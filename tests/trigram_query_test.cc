@@ -7,7 +7,6 @@
 
 #include "tests/support/log_capture.h"
 #include "tests/support/property.h"
-#include "trigram/simplify.h"
 #include "trigram/trigram.h"
 
 namespace {
@@ -40,44 +39,47 @@ TEST(trigram_query, print) {
             "+ TGR: 0=(1), # intersection[s] = 2 | 3403(abc) 0(aaa) \n");
 }
 
-constexpr const char* emptied = "Warning: intersection difference resulted in empty node!\n";
-
-TEST(trigram_query, rewrites_and_their_messages) {
-  struct row {
-    trigram_query_ptr (*apply)(trigram_query_ptr);
-    trigram_query_ptr (*build)();
-    const char* result;
-    std::string log;  // up to the detail level
-  } rows[] = {
-      {trigram_query_factor, [] { return U(S({1, 2, 3}), S({2, 3, 4})); },
-       "{O=2/2:{O=1/2:2,3},{O=0/2:{O=1/1:1},{O=1/1:4}}}", ""},
-      // An emptied member accepts every line, so the common set is all that is left.
-      {trigram_query_factor, [] { return U(S({1, 2}), S({1, 2})); }, "{O=1/2:1,2}", std::string(emptied) + emptied},
-      {trigram_query_reduce, [] { return U(S({1}), S({1, 2}), S({3})); }, "{O=0/2:{O=1/1:1},{O=1/1:3}}",
-       "Removed 1 of 3 items from redundant terms.\n"},
-      {trigram_query_reduce, [] { return U(S({1, 2}), S({1, 2, 3})); }, "{O=1/2:1,2}", emptied},
-      {trigram_query_simplify, [] { return I(S({1, 2}), S({2, 3})); }, "{O=1/3:1,2,3}",
-       "Collapsed a total of 4 nested results in 2 nodes [2].\nCollapsed redundantly nested intersection pair.\n"},
-      {trigram_query_simplify, [] { return I(I(U(S({5}), S({6})), S({1})), S({3})); },
-       "{O=2/2:{O=0/2:{O=1/1:5},{O=1/1:6}},{O=1/2:1,3}}",
-       "Collapsed a total of 2 nested results in 1 nodes [1].\n"
-       "Collapsed a total of 2 nested results in 2 nodes [2].\n"},
-      {trigram_query_simplify, [] { return U(U(S({1}), S({2})), U(S({3}), S({4}))); },
-       "{O=0/4:{O=1/1:1},{O=1/1:2},{O=1/1:3},{O=1/1:4}}", "Collapsed parent union of 2 union elements into one.\n"},
-      // One unconstrained member makes the whole union unconstrained.
-      {trigram_query_simplify, [] { return U(S({1, 2}), S({}), S({3})); }, "null",
-       "Collapsed an entire branch of 3 nodes.\n"},
-      {trigram_query_simplify, [] { return I(S({1}), nullptr, S({})); }, "{O=1/1:1}",
-       "Removed 2 of 3 nodes from collapsed branch.\nCollapsed redundantly nested intersection pair.\n"},
-      {trigram_query_simplify, [] { return I(S({1}), U()); }, "{O=1/1:1}",
-       "Reduced result set by an additional 1 child node(s).\nFolded redundant child result up into parent.\n"},
+// Hand-built trees rebuilt through the constructors: each row one
+// simplification, checked by the tree it gives.
+TEST(trigram_query, constructors_simplify_as_they_build) {
+  const std::pair<trigram_query_ptr (*)(), const char*> rows[] = {
+      {[] { return S({3, 1, 3}); }, "{O=1/2:1,3}"},
+      // Common trigrams go in front: (x AND a) OR (x AND b) is x AND (a OR b).
+      {[] { return U(S({1, 2, 3}), S({2, 3, 4})); }, "{O=2/2:{O=1/2:2,3},{O=0/2:{O=1/1:1},{O=1/1:4}}}"},
+      {[] { return U(S({1, 2}), S({1, 2})); }, "{O=1/2:1,2}"},
+      // An alternative needing a superset of another's trigrams adds nothing.
+      {[] { return U(S({1}), S({1, 2}), S({3})); }, "{O=0/2:{O=1/1:1},{O=1/1:3}}"},
+      {[] { return U(S({1, 2}), S({1, 2, 3})); }, "{O=1/2:1,2}"},
+      {[] { return I(S({1, 2}), S({2, 3})); }, "{O=1/3:1,2,3}"},
+      {[] { return I(I(U(S({5}), S({6})), S({1})), S({3})); }, "{O=2/2:{O=1/2:1,3},{O=0/2:{O=1/1:5},{O=1/1:6}}}"},
+      {[] { return U(U(S({1}), S({2})), U(S({3}), S({4}))); }, "{O=0/4:{O=1/1:1},{O=1/1:2},{O=1/1:3},{O=1/1:4}}"},
+      // A union kept once, however often it is required.
+      {[] { return I(U(S({1}), S({2})), S({7}), U(S({1}), S({2}))); }, "{O=2/2:{O=1/1:7},{O=0/2:{O=1/1:1},{O=1/1:2}}}"},
+      // A member without constraint frees a union and means nothing in an intersection.
+      {[] { return U(S({1, 2}), S({}), S({3})); }, "null"},
+      {[] { return U(S({1, 2}), nullptr); }, "null"},
+      {[] { return I(S({1}), nullptr, S({}), U()); }, "{O=1/1:1}"},
+      {[] { return I(); }, "null"},
   };
-  for (size_t i = 0; i < std::size(rows); ++i) {
-    trigram_query_ptr out = rows[i].build();
-    std::string log = logged(LOG_DETAIL, [&] { out = rows[i].apply(std::move(out)); });
-    EXPECT_EQ(text(out), rows[i].result) << "row " << i;
-    EXPECT_EQ(log, rows[i].log) << "row " << i;
-  }
+  for (size_t i = 0; i < std::size(rows); ++i) EXPECT_EQ(text(trigram_query_reduce(rows[i].first())), rows[i].second) << "row " << i;
+}
+
+TEST(trigram_query, caps_only_drop_requirements) {
+  const trigram_query_ptr both = trigram_query_reduce(I(S({1, 2, 3}), U(S({4}), S({5}))));
+  EXPECT_EQ(text(trigram_query_shrink(both, 5)), text(both));
+  EXPECT_EQ(text(trigram_query_shrink(both, 3)), "{O=1/3:1,2,3}");
+  EXPECT_EQ(text(trigram_query_shrink(both, 2)), "{O=1/2:1,2}");
+  EXPECT_EQ(trigram_query_shrink(both->members[1], 1), nullptr);  // a union that does not fit is given up
+
+  std::vector<trigram_query_ptr> many;
+  for (int32_t id = 0; id <= static_cast<int32_t>(QUERY_MAX_UNION_LEAVES); ++id) many.push_back(trigram_query_set({id}));
+  EXPECT_EQ(trigram_query_or(many), nullptr);
+  many.pop_back();
+  EXPECT_EQ(trigram_query_or(many)->members.size(), QUERY_MAX_UNION_LEAVES);
+
+  std::vector<int32_t> ids(QUERY_MAX_AND_IDS + 10);
+  for (size_t i = 0; i < ids.size(); ++i) ids[i] = static_cast<int32_t>(i);
+  EXPECT_EQ(trigram_query_and(trigram_query_set(ids), trigram_query_set({0}))->ids.size(), QUERY_MAX_AND_IDS);
 }
 
 // Random trees over few trigrams, so that members share and contain each

@@ -47,6 +47,12 @@ bool reparse_fail(std::string* err, const char* format, ...) {
 
 re_elem_ptr re_elem_init(re_elem_type type) { return std::make_unique<re_elem>(type); }
 
+re_elem_ptr re_elem_at(re_elem_type type, int pos) {
+  re_elem_ptr e = re_elem_init(type);
+  e->pos = static_cast<uint32_t>(pos);
+  return e;
+}
+
 void re_elem_free(re_elem_ptr& e) { e.reset(); }
 
 re_elem_ptr re_elem_clone(const re_elem& e) {
@@ -57,6 +63,7 @@ re_elem_ptr re_elem_clone(const re_elem& e) {
   copy->max = e.max;
   copy->bits = e.bits;
   copy->text = e.text;
+  copy->pos = e.pos;
   copy->children.reserve(e.children.size());
   for (const re_elem_ptr& c : e.children) copy->children.push_back(c ? re_elem_clone(*c) : nullptr);
   return copy;
@@ -90,6 +97,13 @@ bool is_plain_literal(const re_elem& e) {
   return e.type == re_elem_literal && e.min == 1 && e.max == 1;
 }
 
+// Both the same class without an upper bound, and their lower bounds still
+// add up to a bound the parser could have read.
+bool same_open_class_run(const re_elem& a, const re_elem& b) {
+  return a.type == re_elem_class && b.type == re_elem_class && a.bits == b.bits && a.max == RE_UNBOUNDED &&
+         b.max == RE_UNBOUNDED && a.min + b.min < RE_UNBOUNDED;
+}
+
 bool is_empty_alternative(const re_elem& e) {
   return e.type == re_elem_sequence && e.children.empty();
 }
@@ -118,8 +132,15 @@ bool sequence_add(re_elem& seq, re_elem_ptr& pending, std::string* err, int pos)
   }
 
   if (pending->type == re_elem_sequence) {
-    // Spliced members keep their own boundaries: no merging here.
-    for (re_elem_ptr& m : pending->children) seq.children.push_back(std::move(m));
+    // Spliced literals keep their own boundaries; a class run that meets
+    // one across the splice still collapses, so that the written form reads
+    // back the same.
+    for (re_elem_ptr& m : pending->children) {
+      if (!seq.children.empty() && same_open_class_run(*seq.children.back(), *m))
+        seq.children.back()->min += m->min;
+      else
+        seq.children.push_back(std::move(m));
+    }
     pending.reset();
     return true;
   }
@@ -127,7 +148,7 @@ bool sequence_add(re_elem& seq, re_elem_ptr& pending, std::string* err, int pos)
     // Byte 255 is never found: the scan stops before it, so such a class stays.
     for (unsigned c = 0; c < 255; ++c) {
       if (!pending->class_has(static_cast<unsigned char>(c))) continue;
-      re_elem_ptr lit = re_elem_init(re_elem_literal);
+      re_elem_ptr lit = re_elem_at(re_elem_literal, static_cast<int>(pending->pos));
       if (c != 0) lit->text.push_back(static_cast<char>(c));
       lit->min = pending->min;
       lit->max = pending->max;
@@ -137,6 +158,11 @@ bool sequence_add(re_elem& seq, re_elem_ptr& pending, std::string* err, int pos)
   }
   if (!seq.children.empty() && is_plain_literal(*pending) && is_plain_literal(*seq.children.back())) {
     seq.children.back()->text += pending->text;
+    pending.reset();
+    return true;
+  }
+  if (!seq.children.empty() && same_open_class_run(*seq.children.back(), *pending)) {
+    seq.children.back()->min += pending->min;
     pending.reset();
     return true;
   }
@@ -172,9 +198,10 @@ bool rep_start(re_elem& seq, re_elem_ptr& pending, char op, std::string* err, in
     // repetition): repeat it as a group, so "a**" means "(a*)*".
     re_elem_ptr last = elemvec_pop(seq.children);
     if (!last) return reparse_fail(err, "Invalid '%c' at %d", op, pos);
-    re_elem_ptr wrap = re_elem_init(re_elem_sequence);
+    const int from = static_cast<int>(last->pos);
+    re_elem_ptr wrap = re_elem_at(re_elem_sequence, from);
     if (!sequence_add(*wrap, last, err, pos)) return false;
-    re_elem_ptr group = re_elem_init(re_elem_group);
+    re_elem_ptr group = re_elem_at(re_elem_group, from);
     group_add(*group, wrap);
     pending = std::move(group);
   }
@@ -189,7 +216,7 @@ bool rep_start(re_elem& seq, re_elem_ptr& pending, char op, std::string* err, in
       char last = pending->text.back();
       pending->text.pop_back();
       if (!sequence_add(seq, pending, err, pos)) return false;
-      pending = re_elem_init(re_elem_literal);
+      pending = re_elem_at(re_elem_literal, pos - 1);
       pending->text.push_back(last);
       return true;
     }
@@ -240,7 +267,7 @@ void group_unwrap(re_elem_ptr& e) {
   }
 
   if (n == 1) {
-    re_elem_ptr seq = re_elem_init(re_elem_sequence);
+    re_elem_ptr seq = re_elem_at(re_elem_sequence, static_cast<int>(e->pos));
     seq->anchor_start = e->anchor_start;
     seq->anchor_end = e->anchor_end;
     e = std::move(seq);

@@ -43,8 +43,6 @@ constexpr class_table_entry class_entries[] = {
     {"[:upper:]", fill_class<isupper_l>}, {"[:xdigit:]", fill_class<isxdigit_l>},
 };
 
-void set_all(re_class_bits& bits) { bits.fill(~uint64_t{0}); }
-
 // Open groups kept while their contents are parsed.
 struct frame {
   re_elem_ptr group;
@@ -78,6 +76,7 @@ bool bracket_parse(const char*& cursor, re_elem_ptr& pending, char negchar, std:
   }
   while (*p != ']' && *p != '\0') {
     unsigned char c = *p;
+    if (c >= 0x80) return refuse_non_ascii(c, at(p), {}, err);
     if (!reparse_printable(c)) return reparse_fail(err, "Invalid character code %u at %d", c, at(p));
     if (c == '[' && (p[1] == '.' || p[1] == '=')) {
       return reparse_fail(err, "Collating element [%c%c] not supported at %d", p[1], p[1], at(p));
@@ -121,7 +120,7 @@ bool bracket_parse(const char*& cursor, re_elem_ptr& pending, char negchar, std:
   }
   if (negated)
     for (uint64_t& w : set) w = ~w;
-  pending = re_elem_init(re_elem_class);
+  pending = re_elem_at(re_elem_class, pos);
   pending->bits = set;
   cursor = reinterpret_cast<const char*>(p);
   return true;
@@ -129,163 +128,221 @@ bool bracket_parse(const char*& cursor, re_elem_ptr& pending, char negchar, std:
 
 namespace {
 
-// The parser proper; `err` is never null here.
-re_elem_ptr parse(const char* text, std::string* err) {
-  const auto* s = reinterpret_cast<const unsigned char*>(text);
-  std::vector<frame> stack;
-  re_elem_ptr group = re_elem_init(re_elem_group);
-  unsigned empty_kinds = 0;
-  re_elem_ptr seq = re_elem_init(re_elem_sequence);
-  re_elem_ptr pending;  // parsed, not yet appended to seq
+// One pass over the expression. Each method handles one kind of token and
+// returns false with the message in `err_` when the text is refused.
+class regex_parser {
+ public:
+  regex_parser(const char* text, std::string* err)
+      : text_(text), s_(reinterpret_cast<const unsigned char*>(text)), err_(err) {}
 
-  size_t i = 0;
-  for (; s[i] != '\0'; ++i) {
-    unsigned char c = s[i];
+  re_elem_ptr run() {
+    size_t i = 0;
+    for (; s_[i] != '\0'; ++i)
+      if (!token(i)) return nullptr;
+    return finish(i > 0 ? static_cast<int>(i - 1) : 0);
+  }
+
+ private:
+  // The token at s_[i]; leaves i on its last byte.
+  bool token(size_t& i) {
+    unsigned char c = s_[i];
     int pos = static_cast<int>(i);
-    if (!reparse_printable(c)) {
-      reparse_fail(err, "Invalid character code %u at %d", c, pos);
-      return nullptr;
-    }
+    if (!reparse_printable(c)) return refuse_byte(i);
     switch (c) {
       case '$':
-        if (!sequence_add(*seq, pending, err, pos) || !anchor_end(*seq, err, pos)) return nullptr;
-        continue;
+        return append(pos) && anchor_end(*seq_, err_, pos);
       case '^':
-        if (!sequence_add(*seq, pending, err, pos) || !anchor_start(*seq, err, pos)) return nullptr;
-        continue;
+        return append(pos) && anchor_start(*seq_, err_, pos);
       case '(':
-        if (!sequence_add(*seq, pending, err, pos)) return nullptr;
-        if (stack.size() >= max_open_groups) {
-          reparse_fail(err, "Regexp nested too deeply");
-          return nullptr;
-        }
-        stack.push_back({std::move(group), std::move(seq), empty_kinds});
-        group = re_elem_init(re_elem_group);
-        empty_kinds = 0;
-        seq = re_elem_init(re_elem_sequence);
-        continue;
+        return open_group(pos);
       case '|':
+        return next_alternative(pos);
       case ')':
-        if (pending && !sequence_add(*seq, pending, err, pos)) return nullptr;
-        group_add(*group, seq, &empty_kinds);
-        if (c == '|') {
-          seq = re_elem_init(re_elem_sequence);
-          continue;
-        }
-        // The closed group stays pending so that a repetition can follow.
-        pending = std::move(group);
-        if (stack.empty()) {
-          reparse_fail(err, "Unmatched ) at %d", pos);
-          return nullptr;
-        }
-        group = std::move(stack.back().group);
-        seq = std::move(stack.back().seq);
-        empty_kinds = stack.back().empty_kinds;
-        stack.pop_back();
-        continue;
+        return close_group(pos);
       case '*':
       case '+':
       case '?':
-        if (!rep_start(*seq, pending, static_cast<char>(c), err, pos)) return nullptr;
-        pending->min = c == '+' ? 1 : 0;
-        pending->max = c == '?' ? 1 : RE_UNBOUNDED;
-        if (!sequence_add(*seq, pending, err, pos)) return nullptr;
-        continue;
+        return repeat(static_cast<char>(c), pos);
       case '.':
-        if (!sequence_add(*seq, pending, err, pos)) return nullptr;
-        pending = re_elem_init(re_elem_class);
-        set_all(pending->bits);
-        continue;
-      case '[': {
-        if (!sequence_add(*seq, pending, err, pos)) return nullptr;
-        const char* cursor = text + i;
-        if (!bracket_parse(cursor, pending, '^', err, pos)) return nullptr;
-        i = static_cast<size_t>(cursor - text);
-        continue;
-      }
+        if (!append(pos)) return false;
+        pending_ = re_elem_at(re_elem_class, pos);
+        pending_->bits.fill(~uint64_t{0});
+        return true;
+      case '[':
+        return bracket(i);
       case '\\':
-        if (reparse_escaped(s[i + 1])) {
-          c = s[++i];
-          pos = static_cast<int>(i);
-          break;  // an ordinary character
-        }
-        if (s[i + 1] == '\0') {
-          reparse_fail(err, "Invalid unescaped '\\' at end of regexp");
-        } else {
-          reparse_fail(err, "Invalid escaped character \\%c at %d", s[i + 1], pos);
-        }
-        return nullptr;
-      case '{': {
-        if (s[i + 1] < '0' || s[i + 1] > '9') break;  // "{" without a number is ordinary text
-        if (!rep_start(*seq, pending, '{', err, pos)) return nullptr;
-        char* end = nullptr;
-        unsigned long n = strtoul(text + i + 1, &end, 10);
-        if (n > RE_UNBOUNDED) {
-          reparse_fail(err, "Invalid bound at %d: %lu exceeds maximum %u", pos, n, RE_UNBOUNDED);
-          return nullptr;
-        }
-        pending->min = pending->max = static_cast<uint32_t>(n);
-        if (*end == ',') {
-          if (end[1] == '}') {
-            pending->max = RE_UNBOUNDED;
-            ++end;
-          } else {
-            // Like the first number, read by strtoul: blanks and a sign are
-            // accepted here, and a missing number reads as 0.
-            unsigned long m = strtoul(end + 1, &end, 10);
-            if (m > RE_UNBOUNDED) {
-              reparse_fail(err, "Invalid bound at %d: %lu exceeds maximum %u", pos, m, RE_UNBOUNDED);
-              return nullptr;
-            }
-            pending->max = static_cast<uint32_t>(m);
-            if (m < pending->min) {
-              reparse_fail(err, "Invalid bound at %d: %u > %u", pos, pending->min, pending->max);
-              return nullptr;
-            }
-          }
-        }
-        if (*end != '}') {
-          reparse_fail(err, "Invalid bound at %d", pos);
-          return nullptr;
-        }
-        if (!sequence_add(*seq, pending, err, pos)) return nullptr;
-        i = static_cast<size_t>(end - text);
-        continue;
-      }
+        if (!escape(i)) return false;
+        return ordinary(s_[i], static_cast<int>(i));
+      case '{':
+        if (s_[i + 1] < '0' || s_[i + 1] > '9') break;  // "{" without a number is ordinary text
+        return bound(i);
       default:
         break;
     }
-    // An ordinary character extends the pending literal.
-    if (!pending || pending->type != re_elem_literal) {
-      if (!sequence_add(*seq, pending, err, pos)) return nullptr;
-      pending = re_elem_init(re_elem_literal);
-    }
-    pending->text.push_back(static_cast<char>(c));
+    return ordinary(c, pos);
   }
 
-  int last = i > 0 ? static_cast<int>(i - 1) : 0;
-  if (pending && !sequence_add(*seq, pending, err, last)) return nullptr;
-  group_add(*group, seq, &empty_kinds);
-  group_unwrap(group);
-  if (!stack.empty()) {
-    reparse_fail(err, "Premature end of regexp");
-    return nullptr;
+  // Appends the pending element to the current sequence.
+  bool append(int pos) { return sequence_add(*seq_, pending_, err_, pos); }
+
+  bool open_group(int pos) {
+    if (!append(pos)) return false;
+    if (stack_.size() >= max_open_groups) return reparse_fail(err_, "Regexp nested too deeply");
+    stack_.push_back({std::move(group_), std::move(seq_), empty_kinds_});
+    group_ = re_elem_at(re_elem_group, pos);
+    empty_kinds_ = 0;
+    seq_ = re_elem_at(re_elem_sequence, pos + 1);
+    return true;
   }
-  // Repetitions stacked on repetitions nest without parentheses.
-  if (re_elem_depth(group.get()) > RE_MAX_DEPTH) {
-    reparse_fail(err, "Regexp nested too deeply");
-    return nullptr;
+
+  bool end_alternative(int pos) {
+    if (pending_ && !append(pos)) return false;
+    group_add(*group_, seq_, &empty_kinds_);
+    return true;
   }
-  if (re_elem_repeat_depth(group.get()) > RE_MAX_REPEAT_NESTING) {
-    reparse_fail(err, "Repetitions nested too deeply (more than %zu)", RE_MAX_REPEAT_NESTING);
-    return nullptr;
+
+  bool next_alternative(int pos) {
+    if (!end_alternative(pos)) return false;
+    seq_ = re_elem_at(re_elem_sequence, pos + 1);
+    return true;
   }
-  return group;
-}
+
+  bool close_group(int pos) {
+    if (!end_alternative(pos)) return false;
+    // The closed group stays pending so that a repetition can follow.
+    pending_ = std::move(group_);
+    if (stack_.empty()) return reparse_fail(err_, "Unmatched ) at %d", pos);
+    group_ = std::move(stack_.back().group);
+    seq_ = std::move(stack_.back().seq);
+    empty_kinds_ = stack_.back().empty_kinds;
+    stack_.pop_back();
+    return true;
+  }
+
+  bool repeat(char op, int pos) {
+    if (!rep_start(*seq_, pending_, op, err_, pos)) return false;
+    pending_->min = op == '+' ? 1 : 0;
+    pending_->max = op == '?' ? 1 : RE_UNBOUNDED;
+    return append(pos);
+  }
+
+  bool bracket(size_t& i) {
+    const int pos = static_cast<int>(i);
+    if (!append(pos)) return false;
+    const char* cursor = text_ + i;
+    if (!bracket_parse(cursor, pending_, '^', err_, pos)) return false;
+    i = static_cast<size_t>(cursor - text_);
+    return true;
+  }
+
+  // On a backslash: moves i onto the escaped character.
+  bool escape(size_t& i) {
+    if (reparse_escaped(s_[i + 1])) {
+      ++i;
+      return true;
+    }
+    if (s_[i + 1] == '\0') return reparse_fail(err_, "Invalid unescaped '\\' at end of regexp");
+    return reparse_fail(err_, "Invalid escaped character \\%c at %d", s_[i + 1], static_cast<int>(i));
+  }
+
+  // Reads one bound number after `at`, moving `end` past it.
+  bool bound_number(const char* at, char*& end, int pos, unsigned long& n) {
+    n = strtoul(at, &end, 10);
+    if (n > RE_UNBOUNDED) return reparse_fail(err_, "Invalid bound at %d: %lu exceeds maximum %u", pos, n, RE_UNBOUNDED);
+    return true;
+  }
+
+  // "{m}", "{m,}" or "{m,n}" at s_[i]; leaves i on the closing "}".
+  bool bound(size_t& i) {
+    const int pos = static_cast<int>(i);
+    if (!rep_start(*seq_, pending_, '{', err_, pos)) return false;
+    char* end = nullptr;
+    unsigned long n = 0;
+    if (!bound_number(text_ + i + 1, end, pos, n)) return false;
+    pending_->min = pending_->max = static_cast<uint32_t>(n);
+    if (*end == ',') {
+      if (end[1] == '}') {
+        pending_->max = RE_UNBOUNDED;
+        ++end;
+      } else {
+        // Like the first number, read by strtoul: blanks and a sign are
+        // accepted here, and a missing number reads as 0.
+        unsigned long m = 0;
+        if (!bound_number(end + 1, end, pos, m)) return false;
+        pending_->max = static_cast<uint32_t>(m);
+        if (m < pending_->min) return reparse_fail(err_, "Invalid bound at %d: %u > %u", pos, pending_->min, pending_->max);
+      }
+    }
+    if (*end != '}') return reparse_fail(err_, "Invalid bound at %d", pos);
+    if (!append(pos)) return false;
+    i = static_cast<size_t>(end - text_);
+    return true;
+  }
+
+  // An ordinary character extends the pending literal.
+  bool ordinary(unsigned char c, int pos) {
+    if (!pending_ || pending_->type != re_elem_literal) {
+      if (!append(pos)) return false;
+      pending_ = re_elem_at(re_elem_literal, pos);
+    }
+    pending_->text.push_back(static_cast<char>(c));
+    return true;
+  }
+
+  bool refuse_byte(size_t i) {
+    if (s_[i] < 0x80) return reparse_fail(err_, "Invalid character code %u at %d", s_[i], static_cast<int>(i));
+    return refuse_non_ascii(s_[i], static_cast<int>(i), label_around(i), err_);
+  }
+
+  // The name label that holds s_[i]: letters, digits, '-' and bytes above
+  // 127 between the expression's edges, anchors, dots or group marks. Empty
+  // when the run is only part of a label, since the xn-- form of a part
+  // says nothing about the whole.
+  std::string_view label_around(size_t i) const {
+    const auto in_label = [](unsigned char c) { return c >= 0x80 || isalnum(c) || c == '-'; };
+    size_t start = i, end = i;
+    while (start > 0 && in_label(s_[start - 1])) --start;
+    while (in_label(s_[end])) ++end;
+    const bool edge_before = start == 0 || strchr("^.(|", s_[start - 1]) != nullptr;
+    const bool edge_after = s_[end] == '\0' || strchr("$\\.)|", s_[end]) != nullptr;
+    if (!edge_before || !edge_after) return {};
+    return std::string_view(text_ + start, end - start);
+  }
+
+  re_elem_ptr finish(int last) {
+    if (pending_ && !append(last)) return nullptr;
+    group_add(*group_, seq_, &empty_kinds_);
+    group_unwrap(group_);
+    if (!stack_.empty()) {
+      reparse_fail(err_, "Premature end of regexp");
+      return nullptr;
+    }
+    // Repetitions stacked on repetitions nest without parentheses.
+    if (re_elem_depth(group_.get()) > RE_MAX_DEPTH) {
+      reparse_fail(err_, "Regexp nested too deeply");
+      return nullptr;
+    }
+    if (re_elem_repeat_depth(group_.get()) > RE_MAX_REPEAT_NESTING) {
+      reparse_fail(err_, "Repetitions nested too deeply (more than %zu)", RE_MAX_REPEAT_NESTING);
+      return nullptr;
+    }
+    if (!re_elem_within_budget(*group_, err_)) return nullptr;
+    return std::move(group_);
+  }
+
+  const char* text_;
+  const unsigned char* s_;
+  std::string* err_;
+  std::vector<frame> stack_;
+  re_elem_ptr group_ = re_elem_at(re_elem_group, 0);
+  unsigned empty_kinds_ = 0;
+  re_elem_ptr seq_ = re_elem_at(re_elem_sequence, 0);
+  re_elem_ptr pending_;  // parsed, not yet appended to seq_
+};
 
 }  // namespace
 
 re_elem_ptr regex_parse(const char* text, std::string* err) {
   std::string local;
-  return parse(text, err != nullptr ? err : &local);
+  return regex_parser(text, err != nullptr ? err : &local).run();
 }

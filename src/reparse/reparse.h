@@ -47,6 +47,12 @@ inline constexpr size_t RE_MAX_DEPTH = 1000;
 // this nesting, so deeper ones are refused instead of stalling the search.
 inline constexpr size_t RE_MAX_REPEAT_NESTING = 16;
 
+// The complexity budget of a pattern (see re_elem_within_budget).
+inline constexpr size_t PATTERN_MAX_STATES = 64;         // classes, wildcards, repeated characters
+inline constexpr size_t PATTERN_MAX_SPAN = 512;          // optional characters of bounded repetitions
+inline constexpr size_t PATTERN_MAX_WRITTEN_OUT = 1024;  // characters added by writing out repeated groups
+inline constexpr size_t PATTERN_MAX_SKIP_LINKS = 2048;   // links across optional parts in a row
+
 // 256-bit byte set: byte c is bit c % 64 of word c / 64.
 using re_class_bits = std::array<uint64_t, 4>;
 
@@ -62,6 +68,9 @@ struct re_elem {
   std::vector<re_elem_ptr> children;  // sequence members or group alternatives
   re_class_bits bits{};               // class members
   std::string text;                   // literal bytes, no terminator
+  // Offset in the expression of the text the element was parsed from, for
+  // messages about it; 0 for elements made by later passes.
+  uint32_t pos = 0;
 
   re_elem() = default;
   explicit re_elem(re_elem_type t) : type(t) {}
@@ -87,6 +96,8 @@ struct re_elem {
 
 re_elem_ptr re_elem_init(re_elem_type type);
 void re_elem_free(re_elem_ptr& e);
+// A new element of `type` parsed from offset `pos`.
+re_elem_ptr re_elem_at(re_elem_type type, int pos);
 // Deep copy.
 re_elem_ptr re_elem_clone(const re_elem& e);
 // Removes and returns the last element; null when empty.
@@ -95,7 +106,10 @@ re_elem_ptr elemvec_pop(std::vector<re_elem_ptr>& vec);
 bool anchor_start(re_elem& seq, std::string* err, int pos);
 bool anchor_end(re_elem& seq, std::string* err, int pos);
 // Appends `pending` (which may be null) to `seq`, normalising on the way;
-// `pending` is null afterwards on success.
+// `pending` is null afterwards on success. Besides the merges of plain
+// literals, a run of one class repeated without an upper bound collapses
+// into one repetition ("a.*.*b" is "a.*b", "[a-z]+[a-z]*" is "[a-z]+"):
+// both mean the same, and long runs stall the matcher's compiler.
 bool sequence_add(re_elem& seq, re_elem_ptr& pending, std::string* err, int pos);
 // Appends a finished alternative (a sequence) to `group`; `seq` is null
 // afterwards. `empty_kinds`, when given, tracks which anchor combinations of
@@ -112,6 +126,11 @@ size_t re_elem_depth(const re_elem* e);
 // Repeated elements (bounds other than {1,1}) nested in one another along
 // the deepest path below and including `e`.
 size_t re_elem_repeat_depth(const re_elem* e);
+
+// False, with "Pattern too complex at %d: ..." naming the element where the
+// pattern went over budget, when compiling the pattern's matcher would take
+// too long. Repeated groups count once per copy.
+bool re_elem_within_budget(const re_elem& root, std::string* err);
 
 // ---- Parsers ----
 // Both return null on error, with the message in *err when err is non-null.

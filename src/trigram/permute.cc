@@ -5,15 +5,11 @@
 #include <numeric>
 #include <vector>
 
+#include "libmy/my_saturate.h"
 #include "log/log.h"
 #include "trigram/trigram.h"
 
 namespace {
-
-size_t saturating_mul(size_t a, size_t b) {
-  if (a != 0 && b > std::numeric_limits<size_t>::max() / a) return std::numeric_limits<size_t>::max();
-  return a * b;
-}
 
 size_t saturating_pow(size_t base, uint32_t exp) {
   size_t r = 1;
@@ -155,21 +151,6 @@ re_elem_ptr reduce_sequence(re_elem_ptr seq) {
   return seq;
 }
 
-bool in_trigram_alphabet(unsigned char c) {
-  return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_';
-}
-
-// The character a class member is written as in a permutation. Upper-case
-// letters are written in lower case and '^' as itself, since both have
-// trigram codes of their own; writing them as '@' would make the expansion
-// demand a code that a matching line does not have. Every other byte outside
-// the alphabet is written as '@', which shares its code.
-char permute_member_char(unsigned char c) {
-  if (c >= 'A' && c <= 'Z') return static_cast<char>(c - 'A' + 'a');
-  if (in_trigram_alphabet(c) || c == '^') return static_cast<char>(c);
-  return '@';
-}
-
 }  // namespace
 
 re_elem_ptr any_string_element() {
@@ -193,12 +174,14 @@ re_elem_ptr reduce_permutations(re_elem_ptr tree) {
 re_elem_ptr permute_class_pair(const re_elem& first, const re_elem& second) {
   if (first.type != re_elem_class || second.type != re_elem_class) return nullptr;
   if (first.class_is_universal() || second.class_is_universal()) return nullptr;
+  // Each member is written as the byte of its trigram symbol, so that the
+  // strings hold only what the index tells apart.
   auto group = re_elem_init(re_elem_group);
   const auto a = class_members(first), b = class_members(second);
   group->children.reserve(a.size() * b.size());
   for (unsigned char c1 : a)
     for (unsigned char c2 : b)
-      group->children.push_back(literal_alternative({permute_member_char(c1), permute_member_char(c2)}));
+      group->children.push_back(literal_alternative({trigram_symbol_char(c1), trigram_symbol_char(c2)}));
   return group;
 }
 
@@ -217,7 +200,7 @@ re_elem_ptr extend_literal_group(const re_elem& group, const re_elem& klass, per
   out->children.reserve(product);
   for (const re_elem_ptr& alt : group.children)
     for (unsigned char c : members) {
-      const char m = permute_member_char(c);
+      const char m = trigram_symbol_char(c);
       out->children.push_back(literal_alternative(side == PERMUTE_APPEND ? alt->text + m : m + alt->text));
     }
   return out;
@@ -232,31 +215,4 @@ re_elem_ptr permute_class_run(const re_elem& klass) {
     group = extend_literal_group(*group, klass, PERMUTE_APPEND, false);
   if (group && group->children.empty()) return nullptr;
   return group;
-}
-
-trigram_query_ptr class_junction_trigrams(std::string_view text, const re_elem& klass, bool class_follows) {
-  const size_t length = text.size() + (klass.anchor_start || klass.anchor_end ? 2 : 0);
-  if (length + 1 < 3) {
-    const std::string shown(text);
-    log_printf(LOG_DEBUG, "Error: class-permuted string \"%s\" would be too short.", shown.c_str());
-    return nullptr;
-  }
-  const auto t = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-  const size_t n = text.size();
-  auto u = trigram_query_create(TQ_UNION, 0);
-  for (unsigned char c : class_members(klass)) {
-    int32_t id;
-    if (class_follows)
-      id = n >= 2   ? trigram_id(t(n - 2), t(n - 1), c)
-           : n == 1 ? trigram_id(t(0), c, TRIGRAM_PAD)
-                    : trigram_id(c, TRIGRAM_PAD, TRIGRAM_PAD);
-    else
-      id = n >= 2   ? trigram_id(c, t(0), t(1))
-           : n == 1 ? trigram_id(TRIGRAM_PAD, c, t(0))
-                    : trigram_id(TRIGRAM_PAD, TRIGRAM_PAD, c);
-    auto set = trigram_query_create(TQ_SET, 1);
-    set->ids[0] = id;
-    u->members.push_back(std::move(set));
-  }
-  return u;
 }

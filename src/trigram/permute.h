@@ -9,10 +9,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string_view>
 
 #include "reparse/reparse.h"
-#include "trigram/trigram_query.h"
 
 // A sequence's classes and groups may multiply to at most this many strings.
 inline constexpr size_t PERMUTATION_THRESHOLD = 8192;
@@ -57,9 +55,3 @@ re_elem_ptr extend_literal_group(const re_elem& group, const re_elem& klass, per
 // members, as a group of literals; null below length 2 or when an extension
 // step is refused.
 re_elem_ptr permute_class_run(const re_elem& klass);
-
-// The trigrams formed where `text` meets one member of `klass`, one
-// single-trigram set per member, as a union. With `class_follows` the class
-// character comes after the text. Null (with a debug message) when the text
-// is too short to form a trigram with the class.
-trigram_query_ptr class_junction_trigrams(std::string_view text, const re_elem& klass, bool class_follows);

@@ -3,18 +3,12 @@
 #include <algorithm>
 #include <bit>
 
-namespace {
-
-constexpr char symbol_chars[] = "abcdefghijklmnopqrstuvwxyz0123456789.-_^@";
-
-}  // namespace
-
 int trigram_name(int32_t id, char out[4], int32_t bound) {
   if (bound != 0 && (id < 0 || id >= bound)) return -1;
   uint32_t v = static_cast<uint32_t>(id) % static_cast<uint32_t>(TRIGRAM_COUNT);
-  out[0] = symbol_chars[v % 41];
-  out[1] = symbol_chars[(v / 41) % 41];
-  out[2] = symbol_chars[v / 1681];
+  out[0] = TRIGRAM_SYMBOL_CHARS[v % TRIGRAM_SYMBOLS];
+  out[1] = TRIGRAM_SYMBOL_CHARS[(v / TRIGRAM_SYMBOLS) % TRIGRAM_SYMBOLS];
+  out[2] = TRIGRAM_SYMBOL_CHARS[v / (TRIGRAM_SYMBOLS * TRIGRAM_SYMBOLS)];
   out[3] = '\0';
   return 0;
 }
@@ -67,9 +61,10 @@ std::vector<int32_t> literal_trigram_ids(std::string_view s, bool anchored_start
 }
 
 trigram_query_ptr literal_trigrams(std::string_view text, bool anchored_start, bool anchored_end) {
-  auto q = std::make_unique<trigram_query>();
+  auto q = std::make_shared<trigram_query>();
   q->type = TQ_SET;
   q->ids = literal_trigram_ids(text, anchored_start, anchored_end);
+  q->leaves = q->ids.size();
   return q;
 }
 

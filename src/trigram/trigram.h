@@ -9,8 +9,8 @@
 
 #include "trigram/trigram_query.h"
 
-inline constexpr int32_t TRIGRAM_COUNT = 68921;  // 41 * 41 * 41
 inline constexpr int TRIGRAM_SYMBOLS = 41;
+inline constexpr int32_t TRIGRAM_COUNT = TRIGRAM_SYMBOLS * TRIGRAM_SYMBOLS * TRIGRAM_SYMBOLS;
 inline constexpr char TRIGRAM_PAD = '^';  // boundary pad of anchored starts and ends
 
 // Symbol value of one byte: a-z (folded) 0-25, 0-9 26-35, '.' 36, '-' 37,
@@ -28,8 +28,26 @@ constexpr int trigram_symbol(unsigned char c) {
   }
 }
 
+inline constexpr int TRIGRAM_PAD_SYMBOL = trigram_symbol(TRIGRAM_PAD);
+
+// The byte each symbol is shown as: its lower-case letter, digit or
+// punctuation, '^' for the pad and '@' for every other byte.
+inline constexpr char TRIGRAM_SYMBOL_CHARS[] = "abcdefghijklmnopqrstuvwxyz0123456789.-_^@";
+static_assert(sizeof TRIGRAM_SYMBOL_CHARS == TRIGRAM_SYMBOLS + 1);
+
+// The byte that shows c's symbol: c itself when it is on the alphabet, its
+// lower case for a capital, '@' for a byte outside the alphabet. Bytes with
+// the same symbol give the same trigrams, so a class may be written with
+// these bytes instead of its own.
+constexpr char trigram_symbol_char(unsigned char c) { return TRIGRAM_SYMBOL_CHARS[trigram_symbol(c)]; }
+
+// The id of three symbols, the first one least significant.
+constexpr int32_t trigram_number(int s1, int s2, int s3) {
+  return s1 + TRIGRAM_SYMBOLS * s2 + TRIGRAM_SYMBOLS * TRIGRAM_SYMBOLS * s3;
+}
+
 constexpr int32_t trigram_id(unsigned char c1, unsigned char c2, unsigned char c3) {
-  return trigram_symbol(c1) + 41 * trigram_symbol(c2) + 1681 * trigram_symbol(c3);
+  return trigram_number(trigram_symbol(c1), trigram_symbol(c2), trigram_symbol(c3));
 }
 
 // Writes the three decoded characters and a NUL into `out`. With a non-zero

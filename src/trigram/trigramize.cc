@@ -3,8 +3,8 @@
 #include "log/log.h"
 #include "reparse/reparse.h"
 #include "trigram/extract.h"
+#include "trigram/fixup.h"
 #include "trigram/permute.h"
-#include "trigram/simplify.h"
 
 namespace {
 
@@ -75,7 +75,7 @@ trigram_query_ptr trigramize(const char* expression, std::optional<std::string>*
   if (error_out) *error_out = message;
 
   log_query(LOG_TRACE, "--- pre-optimized result:", query.get());
-  query = trigram_query_reduce(std::move(query));
+  query = trigram_query_reduce(query);
   if (pattern_out) *pattern_out = std::move(pattern);
   log_query(LOG_DEBUG, "--- final result:", query.get());
 

@@ -1,5 +1,15 @@
 // The trigramization driver: one search expression in, the trigram query
 // that selects candidate lines and the pattern text that confirms them out.
+//
+// The stages, in the order the tree passes through them:
+//   parse (reparse)          expression -> parse tree, within its budgets
+//   write (reparse)          parse tree -> pattern text for the matcher
+//   reduce (permute.h)       classes too large to expand are widened
+//   fix up (fixup.h)         classes onto the trigram alphabet, runs split
+//   analyse (extract.h)      per node: exact strings, ends, query so far
+//   build (trigram_query.h)  the query, simplified by its constructors
+// Each rewriting stage only widens what the tree matches, so the query stays
+// a necessary condition for the pattern text.
 #pragma once
 
 #include <optional>

@@ -196,6 +196,19 @@ bool check_options(const bake_options& out, std::string& err) {
   return true;
 }
 
+// ixbake --check: 0 when every file is sound, else 1 after naming each
+// faulty file's first fault.
+int check_index_files(const std::vector<std::string>& files) {
+  int status = 0;
+  for (const std::string& file : files) {
+    if (auto fault = tgdb_check(file.c_str())) {
+      fprintf(stderr, "ixbake: %s\n", fault->c_str());
+      status = 1;
+    }
+  }
+  return status;
+}
+
 }  // namespace
 
 bool parse_bake_args(int argc, char** argv, bake_options& out, std::string& err) {
@@ -217,19 +230,6 @@ bool parse_bake_args(int argc, char** argv, bake_options& out, std::string& err)
   }
   for (int i = optind; i < argc; ++i) out.inputs.emplace_back(argv[i]);
   return check_options(out, err);
-}
-
-// ixbake --check: 0 when every file is sound, else 1 after naming each
-// faulty file's first fault.
-int check_index_files(const std::vector<std::string>& files) {
-  int status = 0;
-  for (const std::string& file : files) {
-    if (auto fault = tgdb_check(file.c_str())) {
-      fprintf(stderr, "ixbake: %s\n", fault->c_str());
-      status = 1;
-    }
-  }
-  return status;
 }
 
 int ixbake_main(int argc, char** argv) {
