@@ -179,7 +179,7 @@ strings answers(const tgdb_ptr& db) {
       search_context ctx;
       if (!compile_search(ctx.match, pattern, false, nullptr, nullptr)) return {"no compile"};
       if (filter) set_time_first_before(ctx, 60000100);
-      tgdb_merger m(ctx, false);
+      tgdb_merger m(ctx, tgdb_kind::rrname);
       m.add_file(db);
       while (auto r = m.next()) out.push_back(rrname_line(r->name, r->entries));
       out.push_back(m.incomplete() ? "incomplete" : "complete");
@@ -212,7 +212,7 @@ tgdb_ptr rewritten(const tgdb& db, const std::string& path) {
   tgdb_line_cursor cursor(db);
   for (uint64_t n = 0; auto line = cursor.line(n); ++n) lines.emplace_back(*line);
   const std::vector<std::string_view> views(lines.begin(), lines.end());
-  const tgdb_write_options opts{.rdata = db.is_rdata(),
+  const tgdb_write_options opts{.kind = db.kind(),
                                 .has_time_range = db.has_time_range(),
                                 .first_seen = db.first_seen(),
                                 .last_seen = db.last_seen(),

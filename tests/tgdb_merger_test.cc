@@ -25,10 +25,10 @@ class tgdb_merger_files : public ::testing::Test {
 
   // Candidates come from a scan of every line, or with `query` from the
   // pattern's trigram query.
-  std::unique_ptr<tgdb_merger> start(const dbs& files, const char* pattern, bool rdata = false, bool query = false) {
+  std::unique_ptr<tgdb_merger> start(const dbs& files, const char* pattern, tgdb_kind kind = tgdb_kind::rrname, bool query = false) {
     EXPECT_TRUE(compile_search(ctx.match, pattern, false, nullptr, nullptr));
     if (!query) ctx.match.query.reset();
-    auto m = std::make_unique<tgdb_merger>(ctx, rdata);
+    auto m = std::make_unique<tgdb_merger>(ctx, kind);
     for (const auto& db : files) m->add_file(db);
     return m;
   }
@@ -55,7 +55,7 @@ TEST_F(tgdb_merger_files, merges_types_counts_and_times_across_files) {
   const strings want{"a.example.com\tn:50:1", "b.example.com\tm:0:1", "www.example.com\t4:90,80:3 n:200:3",
                      "x.example.org\t4:1:1"};
   EXPECT_EQ(drain(*start({a, b}, "example")), want);
-  EXPECT_EQ(drain(*start({a, b}, "example", false, true)), want);
+  EXPECT_EQ(drain(*start({a, b}, "example", tgdb_kind::rrname, true)), want);
   set_rrtype_filter(ctx, 2);  // results left without entries are dropped
   EXPECT_EQ(drain(*start({a, b}, "example")), (strings{"a.example.com\tn:50:1", "www.example.com\tn:200:3"}));
 }
@@ -67,9 +67,9 @@ TEST_F(tgdb_merger_files, rdata_keys_are_matched_once_on_their_first_line) {
                  "ns.soa\t3/010203 s:5:1"},
                 {.rdata = true});
   auto b = file({"ten\t4/0a000001 4:200:4"}, {.rdata = true});
-  EXPECT_EQ(drain(*start({a, b, file({"10.0.0.1\t4:1:1"})}, "^10\\.", true)), (strings{"10.0.0.2\t4:100:1"}));
+  EXPECT_EQ(drain(*start({a, b, file({"10.0.0.1\t4:1:1"})}, "^10\\.", tgdb_kind::rdata)), (strings{"10.0.0.2\t4:100:1"}));
 
-  auto m = start({a, b}, "^ten$|soa", true);
+  auto m = start({a, b}, "^ten$|soa", tgdb_kind::rdata);
   auto soa = search_next(*m), ten = search_next(*m);
   ASSERT_TRUE(soa && ten);
   EXPECT_TRUE(soa->wildcard);
@@ -154,7 +154,7 @@ TEST_F(tgdb_merger_files, failing_files_make_the_search_incomplete) {
   // as a line without a tab would.
   auto data = file({"a.test\t1/01 4:1:1"}, {.rdata = true});
   auto lost = file({"b.test\t1/02 4:1:1", "c.test\t1/03 4:1:1"}, {.rdata = true});
-  m = start({data, lost}, "test", true);
+  m = start({data, lost}, "test", tgdb_kind::rdata);
   ASSERT_EQ(truncate(lost->path().c_str(), 4096), 0);
   EXPECT_EQ(drain(*m), (strings{"a.test\t4:1:1"}));
   EXPECT_TRUE(m->incomplete());

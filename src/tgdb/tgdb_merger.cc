@@ -7,6 +7,7 @@
 #include "libmy/my_text.h"
 #include "libmy/my_time.h"
 #include "log/log.h"
+#include "tgdb/linked_line.h"
 #include "tgdb/record_line.h"
 
 namespace {
@@ -35,17 +36,31 @@ int tgdb_merger::entry_order::operator()(const entry_ptr& a, const entry_ptr& b)
   return compare(a->line, b->line);
 }
 
-tgdb_merger::tgdb_merger(search_context& ctx, bool rdata)
+tgdb_merger::kind_mode tgdb_merger::mode_of(tgdb_kind kind) {
+  switch (kind) {
+    case tgdb_kind::rrname:
+      break;
+    case tgdb_kind::rdata:
+      return {compare_rdata_lines, merge_rdata};
+    case tgdb_kind::byname:
+      return {compare_byname_lines, merge_linked};
+    case tgdb_kind::byvalue:
+      return {compare_byvalue_lines, merge_linked};
+  }
+  return {compare_rrname_lines, merge_rrname};
+}
+
+tgdb_merger::tgdb_merger(search_context& ctx, tgdb_kind kind)
     : ctx_(ctx),
-      compare_(rdata ? compare_rdata_lines : compare_rrname_lines),
-      merge_(rdata ? merge_rdata : merge_rrname),
+      compare_(mode_of(kind).compare),
+      merge_(mode_of(kind).merge),
       heap_(entry_order{compare_}),
-      rdata_(rdata) {}
+      kind_(kind) {}
 
 tgdb_merger::~tgdb_merger() = default;
 
 void tgdb_merger::add_file(tgdb_ptr index) {
-  if (!index || index->is_rdata() != rdata_ || finished_) return;
+  if (!index || index->kind() != kind_ || finished_) return;
   if (index->has_time_range()) {
     const int64_t first = index->first_seen(), last = index->last_seen();
     // Widened before the filter, so that a skipped file still bounds the
@@ -128,12 +143,7 @@ std::unique_ptr<search_result> tgdb_merger::gather() {
     }
 
     if (first_of_key) {
-      search_counters& c = ctx_.counters;
-      ++c.candidates;
-      const std::string_view key = key_of(top->line);
-      if (match_line(ctx_.match, key.data(), key.size())) {
-        if (c.pattern_matches == 0) c.first_match = my_time_now();
-        ++c.pattern_matches;
+      if (key_matches(key_of(top->line))) {
         merge_(pending, top->line);
         rejected = false;
       } else {
@@ -151,7 +161,22 @@ std::unique_ptr<search_result> tgdb_merger::gather() {
   return nullptr;
 }
 
+bool tgdb_merger::key_matches(std::string_view key) {
+  if (has_matched_key_ && key == matched_key_) return key_matched_;
+  search_counters& c = ctx_.counters;
+  ++c.candidates;
+  key_matched_ = match_line(ctx_.match, key.data(), key.size());
+  if (key_matched_) {
+    if (c.pattern_matches == 0) c.first_match = my_time_now();
+    ++c.pattern_matches;
+  }
+  matched_key_.assign(key);
+  has_matched_key_ = true;
+  return key_matched_;
+}
+
 std::unique_ptr<search_result> tgdb_merger::finish(std::unique_ptr<search_result> res) const {
+  res->kind = kind_;
   if (!finish_result(ctx_.filters, *res)) return nullptr;
   return res;
 }
