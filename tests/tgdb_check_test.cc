@@ -188,6 +188,10 @@ TEST_F(tgdb_check_files, linked_files_are_checked_by_their_own_lines_and_order) 
   ASSERT_TRUE(got);
   EXPECT_NE(got->find("posting list of trigram 'xyz': names line 0, which does not hold the trigram"), std::string::npos)
       << *got;
+#ifdef IXBAKE_BIN
+  const run_result r = run_binary(IXBAKE_BIN, {"--check", path, dir.file("v2.tgdb")});
+  EXPECT_EQ(std::tuple(r.status, r.err), std::tuple(1, "ixbake: " + *got + "\n"));
+#endif
 }
 
 #ifdef IXBAKE_BIN
