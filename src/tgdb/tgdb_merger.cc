@@ -7,6 +7,7 @@
 #include "libmy/my_text.h"
 #include "libmy/my_time.h"
 #include "log/log.h"
+#include "tgdb/kind_lines.h"
 #include "tgdb/linked_line.h"
 #include "tgdb/record_line.h"
 
@@ -36,26 +37,21 @@ int tgdb_merger::entry_order::operator()(const entry_ptr& a, const entry_ptr& b)
   return compare(a->line, b->line);
 }
 
-tgdb_merger::kind_mode tgdb_merger::mode_of(tgdb_kind kind) {
+tgdb_merger::merge_fn tgdb_merger::merge_of(tgdb_kind kind) {
   switch (kind) {
     case tgdb_kind::rrname:
-      break;
+      return merge_rrname;
     case tgdb_kind::rdata:
-      return {compare_rdata_lines, merge_rdata};
+      return merge_rdata;
     case tgdb_kind::byname:
-      return {compare_byname_lines, merge_linked};
     case tgdb_kind::byvalue:
-      return {compare_byvalue_lines, merge_linked};
+      break;
   }
-  return {compare_rrname_lines, merge_rrname};
+  return merge_linked;
 }
 
 tgdb_merger::tgdb_merger(search_context& ctx, tgdb_kind kind)
-    : ctx_(ctx),
-      compare_(mode_of(kind).compare),
-      merge_(mode_of(kind).merge),
-      heap_(entry_order{compare_}),
-      kind_(kind) {}
+    : ctx_(ctx), compare_(kind_line_order(kind)), merge_(merge_of(kind)), heap_(entry_order{compare_}), kind_(kind) {}
 
 tgdb_merger::~tgdb_merger() = default;
 

@@ -56,12 +56,9 @@ class tgdb_merger {
   using entry_ptr = std::unique_ptr<file_entry>;
   using compare_fn = int (*)(std::string_view, std::string_view);
   using merge_fn = void (*)(std::unique_ptr<search_result>& slot, std::string_view line);
-  // How the lines of one kind are ordered and folded into results.
-  struct kind_mode {
-    compare_fn compare;
-    merge_fn merge;
-  };
-  static kind_mode mode_of(tgdb_kind kind);
+  // How the lines of one kind fold into results; they come in the kind's
+  // order (kind_lines.h).
+  static merge_fn merge_of(tgdb_kind kind);
   struct entry_order {
     compare_fn compare;
     int operator()(const entry_ptr& a, const entry_ptr& b) const;
