@@ -17,6 +17,10 @@ inline constexpr size_t RRTYPE_TEXT_SIZE = 16;
 // into `buffer` as well, and the library's own string is returned.
 const char* rrtype_to_text(uint16_t rrtype, std::span<char> buffer);
 
+// Local time as "%Y-%m-%d %H:%M:%S", as text results show times; seconds the
+// calendar cannot hold are written as the plain number.
+std::string local_time_text(int64_t seconds);
+
 // NAME, seven spaces, then the entries separated by tabs, each
 // "TYPE/COUNT [FIRST / LAST]" in local time. A result with rdata shows its
 // first entry only and a second line with the hexadecimal rdata (the first 32

@@ -7,6 +7,7 @@
 
 #include "log/log.h"
 #include "output.h"
+#include "output_linked.h"
 
 namespace {
 
@@ -109,6 +110,7 @@ bool json_format_result(const search_result& result, uint16_t rrtype, bool detai
 }
 
 void write_json_result(FILE* stream, const search_result& result, uint16_t rrtype, bool details) {
+  if (tgdb_kind_linked(result.kind)) return write_linked_json(stream, result);
   std::string buffer;
   const auto write_one = [&](uint16_t type) {
     if (json_format_result(result, type, details, buffer, JSON_RESULT_BUFFER))

@@ -10,14 +10,13 @@
 #include <string>
 
 #include "output.h"
+#include "output_linked.h"
 #include "tgdb/record_line.h"
 
 namespace {
-
 constexpr size_t text_rdata_cut = 32;
+}  // namespace
 
-// Local time as "%Y-%m-%d %H:%M:%S"; seconds the calendar cannot hold are
-// written as the plain number.
 std::string local_time_text(int64_t seconds) {
   const time_t t = static_cast<time_t>(seconds);
   tm parts;
@@ -25,8 +24,6 @@ std::string local_time_text(int64_t seconds) {
   if (localtime_r(&t, &parts) && strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts) > 0) return text;
   return std::to_string(seconds);
 }
-
-}  // namespace
 
 const char* rrtype_to_text(uint16_t rrtype, std::span<char> buffer) {
   const ldns_rr_descriptor* descriptor = ldns_rr_descript(rrtype);
@@ -39,6 +36,7 @@ const char* rrtype_to_text(uint16_t rrtype, std::span<char> buffer) {
 }
 
 void write_text_result(FILE* stream, const search_result& result) {
+  if (tgdb_kind_linked(result.kind)) return write_linked_text(stream, result);
   fprintf(stream, "%s       ", result.name.c_str());
   char type_text[RRTYPE_TEXT_SIZE];
   for (size_t i = 0; i < result.entries.size(); ++i) {
@@ -58,6 +56,7 @@ void write_text_result(FILE* stream, const search_result& result) {
 }
 
 void write_raw_result(FILE* stream, const search_result& result) {
+  if (tgdb_kind_linked(result.kind)) return write_linked_raw(stream, result);
   fprintf(stream, "%s\t", result.name.c_str());
   // The same form as the index lines: an rdata result is its first entry.
   std::string value;

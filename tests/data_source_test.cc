@@ -14,6 +14,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/run_binary.h"
 #include "tests/support/temp_dir.h"
+#include "tgdb/linked_line.h"
 #include "tgdb/record_line.h"
 #include "tgdb/tgdb_merger.h"
 #include "trigram/matcher.h"
@@ -29,6 +30,8 @@ class data_source_files : public ::testing::Test {
     write_index(dir.file("a.idx"), {"a.test\t4:10:1"});
     write_index(dir.file("b.idx"), {"b.test\tn:20:2"});
     write_index(dir.file("r.idx"), {"10.0.0.1\t4/0a000001 4:10:1"}, {.rdata = true});
+    write_index(dir.file("n.idx"), {"a.test\t4:10:1\t10.0.0.1"}, {.kind = tgdb_kind::byname});
+    write_index(dir.file("v.idx"), {"10.0.0.1\t4:10:1\ta.test"}, {.kind = tgdb_kind::byvalue});
     dir.write("junk.idx", "not an index");
   }
   void TearDown() override { my_time_set_clock(nullptr); }
@@ -41,7 +44,8 @@ class data_source_files : public ::testing::Test {
     auto m = data_source_start(source, ctx);
     if (!m) return {"null"};
     std::vector<std::string> out;
-    while (auto r = search_next(*m)) out.push_back(rrname_line(r->name, r->entries));
+    while (auto r = search_next(*m))
+      out.push_back(tgdb_kind_linked(r->kind) ? linked_line(r->kind, linked_record_of(*r)) : rrname_line(r->name, r->entries));
     if (m->incomplete()) out.push_back("incomplete");
     return out;
   }
@@ -66,6 +70,13 @@ TEST_F(data_source_files, index_list_keeps_one_kind) {
   EXPECT_FALSE(index_list_add(*list, dir.file("junk.idx").c_str()));
   EXPECT_TRUE(log.contains("rdata file " + dir.file("r.idx") + " rejected from rrname file list\n"));
   EXPECT_EQ(search(*index_list_data_source(*list)), (strings{"a.test\t4:10:1", "b.test\tn:20:2"}));
+
+  list = index_list_create();
+  for (const char* name : {"n.idx", "a.idx", "v.idx", "n.idx"})
+    EXPECT_EQ(index_list_add(*list, dir.file(name).c_str()), name == std::string("n.idx")) << name;
+  EXPECT_TRUE(log.contains("rrname file " + dir.file("a.idx") + " rejected from byname file list\n"));
+  EXPECT_TRUE(log.contains("byvalue file " + dir.file("v.idx") + " rejected from byname file list\n"));
+  EXPECT_EQ(search(*index_list_data_source(*list)), (strings{"a.test\t4:10:2\t10.0.0.1"}));
 }
 
 TEST_F(data_source_files, fileset_loads_what_it_can_of_the_first_kind) {
@@ -79,6 +90,13 @@ TEST_F(data_source_files, fileset_loads_what_it_can_of_the_first_kind) {
       {"r.idx\na.idx",
        {"10.0.0.1\t4:10:1"},
        "rrname file " + dir.file("a.idx") + " rejected from rdata fileset " + dir.file("set")},
+      // Files of the new kinds: each kind keeps to its own sets.
+      {"v.idx\nn.idx\nv.idx\n",
+       {"10.0.0.1\t4:10:2\ta.test"},
+       "byname file " + dir.file("n.idx") + " rejected from byvalue fileset " + dir.file("set")},
+      {"a.idx\nn.idx\n",
+       {"a.test\t4:10:1"},
+       "byname file " + dir.file("n.idx") + " rejected from rrname fileset " + dir.file("set")},
       {"missing.idx\njunk.idx\n", {"null"}, "Fileset " + dir.file("set") + ": cannot read " + dir.file("missing.idx")},
       // A file that cannot be loaded leaves every search incomplete.
       {"a.idx\nmissing.idx\n",

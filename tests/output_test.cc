@@ -87,4 +87,43 @@ TEST(output, writes_json_objects) {
   }
 }
 
+search_result linked(tgdb_kind kind, std::string key, std::string other, search_entry entry) {
+  search_result r = make(std::move(key), {entry});
+  r.kind = kind;
+  r.other = std::move(other);
+  return r;
+}
+
+// A byname and a byvalue result of one record print alike, but for raw
+// output, which is the line of each kind.
+TEST(output, writes_linked_records_in_each_form) {
+  const search_entry a{1, 12, jan, mar};
+  for (const search_result& r : {linked(tgdb_kind::byname, "login.example.com", "192.0.2.7", a),
+                                 linked(tgdb_kind::byvalue, "192.0.2.7", "login.example.com", a)}) {
+    EXPECT_EQ(written(write_text_result, r),
+              "login.example.com  A  192.0.2.7  12 [2020-01-01 10:00:00 / 2020-03-01 11:00:00]\n");
+    EXPECT_EQ(written(write_json_result, r, 0, true),
+              R"({"rrname":"login.example.com","rrtype":"A","rdata":"192.0.2.7","count":12,)"
+              R"("time_first":1577872800,"time_last":1583060400})" "\n");
+    EXPECT_EQ(written_in("EST5EDT,M3.2.0,M11.1.0", write_text_result, r),
+              "login.example.com  A  192.0.2.7  12 [2020-01-01 05:00:00 / 2020-03-01 06:00:00]\n");
+  }
+  EXPECT_EQ(written(write_raw_result, linked(tgdb_kind::byname, "n.test", "1.2.3.4", a)),
+            "n.test\t4:5e0c6da0,4f2810:c\t1.2.3.4\n");
+  EXPECT_EQ(written(write_raw_result, linked(tgdb_kind::byvalue, "1.2.3.4", "n.test", a)),
+            "1.2.3.4\t4:5e0c6da0,4f2810:c\tn.test\n");
+
+  // JSON stays valid whatever the bytes: quotes and backslashes escaped,
+  // other bytes as presentation escapes. Counts keep their 64 bits there;
+  // a raw line holds 32 (the largest), so that it reads back.
+  const search_result odd =
+      linked(tgdb_kind::byname, "a\\032b.test", "\"v=1\"\t\xe9\x01", {65, uint64_t{1} << 40, 0, 7});
+  EXPECT_EQ(written(write_json_result, odd, 0, true),
+            R"({"rrname":"a\\032b.test","rrtype":"HTTPS","rdata":"\"v=1\"\\009\\233\\001","count":1099511627776,)"
+            R"("time_first":0,"time_last":7})" "\n");
+  EXPECT_EQ(written(write_raw_result, odd), "a\\032b.test\t65:0,7:ffffffff\t\"v=1\"\t\xe9\x01\n");
+  EXPECT_EQ(written(write_text_result, odd),
+            "a\\032b.test  HTTPS  \"v=1\"\t\xe9\x01  1099511627776 [1970-01-01 00:00:00 / 1970-01-01 00:00:07]\n");
+}
+
 }  // namespace

@@ -9,10 +9,11 @@
 
 #include "log/log.h"
 #include "tests/support/property.h"
+#include "tests/support/strict_weak.h"
 
 namespace {
 
-using order = std::function<int(std::string_view, std::string_view)>;
+using order = line_compare;
 
 // Parsed entries shown as the line they format to (the formatter is pinned below).
 std::string shown(const std::vector<search_entry>& entries) { return rrname_line("k", entries); }
@@ -82,29 +83,6 @@ TEST(record_line, formats_lines_that_parse_back) {
     auto v = parse_rdata_value(std::string_view(data).substr(2));
     ASSERT_TRUE(v) << data;
     ASSERT_EQ(rdata_line("k", decode_rdata(v->wire_form), v->entry), data);
-  }
-}
-
-// Checks on random lines, all pairs and triples, that `cmp` is a strict weak
-// order whose ties are exactly the lines of equal `group`.
-void expect_strict_weak(const order& cmp, const std::function<std::string(std::mt19937_64&)>& make,
-                        const std::function<std::string(const std::string&)>& group) {
-  std::mt19937_64 rng(7);
-  for (size_t round = 0; round < property_count(10); ++round) {
-    std::vector<std::string> lines(60);
-    for (auto& line : lines) line = make(rng);
-    const size_t n = lines.size();
-    std::vector<int> c(n * n);
-    for (size_t i = 0; i < n * n; ++i) c[i] = sign(cmp(lines[i / n], lines[i % n]));
-    for (size_t i = 0; i < n; ++i)
-      for (size_t j = 0; j < n; ++j) {
-        ASSERT_EQ(c[i * n + j], -c[j * n + i]) << lines[i] << " | " << lines[j];
-        ASSERT_EQ(c[i * n + j] == 0, group(lines[i]) == group(lines[j])) << lines[i] << " | " << lines[j];
-        for (size_t k = 0; k < n; ++k) {
-          if (c[i * n + j] > 0 || c[j * n + k] > 0) continue;
-          ASSERT_EQ(c[i * n + k], std::min(c[i * n + j], c[j * n + k])) << lines[i] << " | " << lines[k];
-        }
-      }
   }
 }
 

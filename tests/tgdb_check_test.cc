@@ -155,6 +155,45 @@ TEST_F(tgdb_check_files, lines_the_writer_takes_but_a_search_cannot_use) {
             dir.file("r2.tgdb") + ": line 0: seen 5 to 10, outside the file's time range");
 }
 
+TEST_F(tgdb_check_files, linked_files_are_checked_by_their_own_lines_and_order) {
+  const tgdb_kind byname = tgdb_kind::byname, byvalue = tgdb_kind::byvalue;
+  const std::tuple<tgdb_kind, strings, std::string> cases[] = {
+      // kind, lines as written, fault (empty: none)
+      {byname, {"a.test\t4:1:1\t192.0.2.1", "a.test\t4:1:1\t192.0.2.2", "a.test\tn:1:1\tns.test", "b.a.test\t4:1:1\tx"}, ""},
+      {byvalue, {"192.0.2.1\t4:1:1\tb.a.test", "192.0.2.1\t4:1:1\tz.test", "x y\tt:1:1\ta.test"}, ""},
+      // A name's records out of order: the type, then the value decides.
+      {byname, {"a.test\tn:1:1\tx", "a.test\t4:1:1\tx"}, "line 1: orders before the line above it"},
+      {byname, {"a.test\t4:1:1\ty", "a.test\t4:1:1\tx"}, "line 1: orders before the line above it"},
+      {byvalue, {"x\t4:1:1\ta.b", "x\t4:1:1\tb.a"}, "line 1: orders before the line above it"},
+      {byname, {"a.test\t4:1:1\tx", "b.test\t4:1:1"}, "line 1: not a byname record line"},
+      {byvalue, {"x\t4:1:1\ta", "y\t4:1\tb"}, "line 1: not a byvalue record line"},
+  };
+  for (const auto& [kind, lines, fault] : cases) {
+    const std::vector<std::string_view> views(lines.begin(), lines.end());
+    const std::string path = dir.file("w.tgdb");
+    ASSERT_TRUE(tgdb_write(path, views, {.kind = kind, .sync = false}, nullptr));
+    EXPECT_EQ(tgdb_check(path.c_str()), fault.empty() ? std::nullopt : std::optional(path + ": " + fault)) << lines[0];
+  }
+  // The key alone is indexed: a posting list naming a line for a trigram of
+  // its value is a fault.
+  const std::string path = write_index(dir.file("v.tgdb"), {"abc\t4:1:1\txyz"}, {.kind = byname});
+  EXPECT_EQ(tgdb_check(path.c_str()), std::nullopt);
+  bytes damaged = read_file(path);
+  auto db = tgdb_open(path.c_str());
+  const uint8_t* dir_entry = db->file().data() + db->layout().directory_offset;
+  const int32_t abc = literal_trigram_ids("abc", false, false).front(), xyz = literal_trigram_ids("xyz", false, false).front();
+  damaged.replace(db->layout().directory_offset + TGDB_DIR_ENTRY_SIZE * size_t(xyz), TGDB_DIR_ENTRY_SIZE,
+                  reinterpret_cast<const char*>(dir_entry) + TGDB_DIR_ENTRY_SIZE * size_t(abc), TGDB_DIR_ENTRY_SIZE);
+  const auto got = tgdb_check(dir.write("v2.tgdb", damaged).c_str());
+  ASSERT_TRUE(got);
+  EXPECT_NE(got->find("posting list of trigram 'xyz': names line 0, which does not hold the trigram"), std::string::npos)
+      << *got;
+#ifdef IXBAKE_BIN
+  const run_result r = run_binary(IXBAKE_BIN, {"--check", path, dir.file("v2.tgdb")});
+  EXPECT_EQ(std::tuple(r.status, r.err), std::tuple(1, "ixbake: " + *got + "\n"));
+#endif
+}
+
 #ifdef IXBAKE_BIN
 TEST_F(tgdb_check_files, ixbake_check_exits_1_naming_each_faulty_file) {
   bytes damaged = original;
@@ -179,7 +218,7 @@ strings answers(const tgdb_ptr& db) {
       search_context ctx;
       if (!compile_search(ctx.match, pattern, false, nullptr, nullptr)) return {"no compile"};
       if (filter) set_time_first_before(ctx, 60000100);
-      tgdb_merger m(ctx, false);
+      tgdb_merger m(ctx, tgdb_kind::rrname);
       m.add_file(db);
       while (auto r = m.next()) out.push_back(rrname_line(r->name, r->entries));
       out.push_back(m.incomplete() ? "incomplete" : "complete");
@@ -212,7 +251,7 @@ tgdb_ptr rewritten(const tgdb& db, const std::string& path) {
   tgdb_line_cursor cursor(db);
   for (uint64_t n = 0; auto line = cursor.line(n); ++n) lines.emplace_back(*line);
   const std::vector<std::string_view> views(lines.begin(), lines.end());
-  const tgdb_write_options opts{.rdata = db.is_rdata(),
+  const tgdb_write_options opts{.kind = db.kind(),
                                 .has_time_range = db.has_time_range(),
                                 .first_seen = db.first_seen(),
                                 .last_seen = db.last_seen(),

@@ -9,6 +9,7 @@
 #include "tests/support/index_builder.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
+#include "tgdb/linked_line.h"
 #include "tgdb/record_line.h"
 #include "trigram/matcher.h"
 
@@ -25,10 +26,10 @@ class tgdb_merger_files : public ::testing::Test {
 
   // Candidates come from a scan of every line, or with `query` from the
   // pattern's trigram query.
-  std::unique_ptr<tgdb_merger> start(const dbs& files, const char* pattern, bool rdata = false, bool query = false) {
+  std::unique_ptr<tgdb_merger> start(const dbs& files, const char* pattern, tgdb_kind kind = tgdb_kind::rrname, bool query = false) {
     EXPECT_TRUE(compile_search(ctx.match, pattern, false, nullptr, nullptr));
     if (!query) ctx.match.query.reset();
-    auto m = std::make_unique<tgdb_merger>(ctx, rdata);
+    auto m = std::make_unique<tgdb_merger>(ctx, kind);
     for (const auto& db : files) m->add_file(db);
     return m;
   }
@@ -55,7 +56,7 @@ TEST_F(tgdb_merger_files, merges_types_counts_and_times_across_files) {
   const strings want{"a.example.com\tn:50:1", "b.example.com\tm:0:1", "www.example.com\t4:90,80:3 n:200:3",
                      "x.example.org\t4:1:1"};
   EXPECT_EQ(drain(*start({a, b}, "example")), want);
-  EXPECT_EQ(drain(*start({a, b}, "example", false, true)), want);
+  EXPECT_EQ(drain(*start({a, b}, "example", tgdb_kind::rrname, true)), want);
   set_rrtype_filter(ctx, 2);  // results left without entries are dropped
   EXPECT_EQ(drain(*start({a, b}, "example")), (strings{"a.example.com\tn:50:1", "www.example.com\tn:200:3"}));
 }
@@ -67,9 +68,9 @@ TEST_F(tgdb_merger_files, rdata_keys_are_matched_once_on_their_first_line) {
                  "ns.soa\t3/010203 s:5:1"},
                 {.rdata = true});
   auto b = file({"ten\t4/0a000001 4:200:4"}, {.rdata = true});
-  EXPECT_EQ(drain(*start({a, b, file({"10.0.0.1\t4:1:1"})}, "^10\\.", true)), (strings{"10.0.0.2\t4:100:1"}));
+  EXPECT_EQ(drain(*start({a, b, file({"10.0.0.1\t4:1:1"})}, "^10\\.", tgdb_kind::rdata)), (strings{"10.0.0.2\t4:100:1"}));
 
-  auto m = start({a, b}, "^ten$|soa", true);
+  auto m = start({a, b}, "^ten$|soa", tgdb_kind::rdata);
   auto soa = search_next(*m), ten = search_next(*m);
   ASSERT_TRUE(soa && ten);
   EXPECT_TRUE(soa->wildcard);
@@ -154,7 +155,7 @@ TEST_F(tgdb_merger_files, failing_files_make_the_search_incomplete) {
   // as a line without a tab would.
   auto data = file({"a.test\t1/01 4:1:1"}, {.rdata = true});
   auto lost = file({"b.test\t1/02 4:1:1", "c.test\t1/03 4:1:1"}, {.rdata = true});
-  m = start({data, lost}, "test", true);
+  m = start({data, lost}, "test", tgdb_kind::rdata);
   ASSERT_EQ(truncate(lost->path().c_str(), 4096), 0);
   EXPECT_EQ(drain(*m), (strings{"a.test\t4:1:1"}));
   EXPECT_TRUE(m->incomplete());
@@ -200,3 +201,47 @@ TEST_F(tgdb_merger_files, counters_describe_the_latest_call) {
 }
 
 }  // namespace
+
+// byname and byvalue files: equal records merge across files, every record
+// is a result of its own, and the records of one key are matched once.
+class tgdb_merger_linked : public tgdb_merger_files {
+ protected:
+  strings drain_linked(tgdb_merger& m, uint64_t* candidates = nullptr) {
+    strings out;
+    uint64_t seen = 0;
+    while (auto r = search_next(m)) {
+      seen += ctx.counters.candidates;
+      EXPECT_EQ(r->kind, m.kind());
+      out.push_back(linked_line(r->kind, linked_record_of(*r)));
+    }
+    if (candidates) *candidates = seen + ctx.counters.candidates;
+    return out;
+  }
+};
+
+TEST_F(tgdb_merger_linked, merges_equal_records_of_several_files) {
+  const index_options by_name{.kind = tgdb_kind::byname}, by_value{.kind = tgdb_kind::byvalue};
+  auto a = file({"login.example.com\t4:100,10:2\t192.0.2.7", "login.example.com\tn:50:1\tns1.example.net",
+                 "www.example.com\t4:10:1\t192.0.2.7", "login.example.org\t4:1:1\t192.0.2.9"},
+                by_name);
+  auto b = file({"login.example.com\t4:90,5:ffffffff\t192.0.2.7", "login.example.com\t4:300:1\t192.0.2.8"}, by_name);
+  auto names = file({"login.example.com\t4:1:1"});  // another kind: left out
+  uint64_t candidates = 0;
+  EXPECT_EQ(drain_linked(*start({a, names, b}, "^login\\.", tgdb_kind::byname), &candidates),
+            (strings{"login.example.com\t4:90,80:ffffffff\t192.0.2.7", "login.example.com\t4:300:1\t192.0.2.8",
+                     "login.example.com\tn:50:1\tns1.example.net", "login.example.org\t4:1:1\t192.0.2.9"}));
+  EXPECT_EQ(candidates, 3u) << "one match per name (www.example.com's too)";
+  set_time_last_after(ctx, 0x200);
+  EXPECT_EQ(drain_linked(*start({a, b}, "example\\.com", tgdb_kind::byname)),
+            (strings{"login.example.com\t4:300:1\t192.0.2.8"}));
+
+  ctx = search_context();
+  auto v = file({"192.0.2.7\t4:100:1\tlogin.example.com", "192.0.2.7\t4:10:1\twww.example.com",
+                 "192.0.2.70\t4:1:1\tx.test", "ns1.example.net\tn:50:1\tlogin.example.com"},
+                by_value);
+  auto w = file({"192.0.2.7\t4:20:2\twww.example.com", "192.0.2.7\t4:5:1\ta.example.com"}, by_value);
+  EXPECT_EQ(drain_linked(*start({v, w}, "^192\\.0\\.2\\.7$|^ns1\\.", tgdb_kind::byvalue, true), &candidates),
+            (strings{"192.0.2.7\t4:5:1\ta.example.com", "192.0.2.7\t4:10,10:3\twww.example.com",
+                     "192.0.2.7\t4:100:1\tlogin.example.com", "ns1.example.net\tn:50:1\tlogin.example.com"}));
+  EXPECT_EQ(candidates, 2u);
+}

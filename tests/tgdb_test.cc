@@ -16,6 +16,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/property.h"
 #include "tests/support/temp_dir.h"
+#include "tgdb/record_line.h"
 #include "tgdb/tgdb_iter.h"
 #include "tgdb/tgdb_writer.h"
 
@@ -90,6 +91,30 @@ TEST(tgdb, round_trip_header_lines_and_postings) {
   }
 }
 
+// Each kind reads back as written. A reader that knows only owner-name and
+// rdata files must refuse byname and byvalue files rather than answer from
+// them: it takes them for rdata files, whose first line needs a wire form.
+TEST(tgdb, each_kind_reads_back_and_older_readers_refuse_the_linked_ones) {
+  temp_dir dir;
+  const std::pair<tgdb_kind, std::string_view> cases[] = {
+      {tgdb_kind::rrname, "a.example\t4:1:1"},
+      {tgdb_kind::rdata, "192.0.2.1\t4/c0000201 4:1:1"},
+      {tgdb_kind::byname, "a.example\t4:1:1\t192.0.2.1"},
+      {tgdb_kind::byvalue, "192.0.2.1\t4:1:1\ta.example"},
+  };
+  for (const auto& [kind, line] : cases) {
+    const std::string path = dir.file(std::string(tgdb_kind_name(kind)) + ".tgdb");
+    ASSERT_TRUE(tgdb_write(path, {&line, 1}, {.kind = kind, .sync = false}, nullptr));
+    auto db = tgdb_open(path.c_str());
+    ASSERT_TRUE(db) << tgdb_kind_name(kind);
+    EXPECT_EQ(db->kind(), kind);
+    EXPECT_EQ(tgdb_kind_of_flags(db->flags()), kind);
+    if (!tgdb_kind_linked(kind)) continue;
+    EXPECT_TRUE(db->flags() & TGDB_FLAG_RDATA);
+    EXPECT_FALSE(value_has_wire_form(line.substr(line.find('\t') + 1)));
+  }
+}
+
 TEST(tgdb, writer_refuses_bad_lines_and_leaves_no_file) {
   temp_dir dir;
   for (std::string_view bad : {"", "a\nb"}) {
@@ -123,7 +148,8 @@ TEST(tgdb, loader_refuses_damaged_and_unsuitable_files) {
   temp_dir dir;
   std::string bad_magic = craft(0, 0, 0, 0);
   bad_magic[7] = 1;
-  const std::string names = "a.example\t4:1:1\n", data = "a.example\t1/00 4:1:1\n";
+  const std::string names = "a.example\t4:1:1\n", data = "a.example\t1/00 4:1:1\n",
+                    linked = "a.example\t4:1:1\t192.0.2.1\n";
   const uint64_t p1 = tgdb_string_table_offset(0);
   const std::pair<std::string, std::string> cases[] = {
       // file, message (none: the file loads)
@@ -143,6 +169,15 @@ TEST(tgdb, loader_refuses_damaged_and_unsuitable_files) {
       {craft(TGDB_FLAG_RDATA, 0, 0, 0, names), "flagged as rdata, but its first line holds no record data"},
       {craft(0, 0, 0, 0, data), "flagged as owner names, but its first line holds record data"},
       {craft(TGDB_FLAG_RDATA, 0, 0, 0, data), ""},
+      // The kind bits must name a kind, and its first line be of that kind.
+      {craft(TGDB_FLAG_BYNAME, 0, 0, 0, linked), "flags 0x10000 name no kind of index this version reads"},
+      {craft(TGDB_FLAG_RDATA | TGDB_FLAG_BYNAME | TGDB_FLAG_BYVALUE, 0, 0, 0, linked), "flags 0x38000 name no kind"},
+      {craft(TGDB_FLAG_RDATA | TGDB_FLAG_BYNAME, 0, 0, 0, names),
+       "flagged as byname, but its first line is not a byname line"},
+      {craft(TGDB_FLAG_RDATA | TGDB_FLAG_BYVALUE, 0, 0, 0, data),
+       "flagged as byvalue, but its first line is not a byvalue line"},
+      {craft(TGDB_FLAG_RDATA | TGDB_FLAG_BYVALUE, 0, 0, 0, linked), ""},
+      {craft(TGDB_FLAG_RDATA | TGDB_FLAG_BYNAME | 0x1000000, 0, 0, 0, ""), ""},  // other bits mean nothing
       // The nref flag with a zero length means no table.
       {with_list(craft(TGDB_FLAG_NREF, 0, 0, 0)), ""},
   };

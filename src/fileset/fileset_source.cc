@@ -19,7 +19,6 @@
 #include "tgdb/tgdb_merger.h"
 
 namespace {
-const char* kind_name(bool rdata) { return rdata ? "rdata" : "rrname"; }
 
 // What a listed file gave: an index, or none because it is of the other
 // kind (it cannot hold an answer) or because it could not be loaded (then
@@ -35,7 +34,7 @@ struct fileset_source final : data_source {
   std::unique_ptr<tgdb_merger> start(search_context& ctx) override;
 
   std::string name;  // the set file's path as given
-  bool rdata = false;
+  tgdb_kind kind = tgdb_kind::rrname;
   bool kind_known = false;  // fixed by the first file ever accepted
   int64_t reload_interval = 5;
   timespec last_reload{};
@@ -58,14 +57,14 @@ listed_file fileset_load_file(fileset_source& source, const std::string& path) {
   tgdb_ptr index = tgdb_open(path.c_str());
   if (!index) return {nullptr, true};
   if (!source.kind_known) {
-    source.rdata = index->is_rdata();
+    source.kind = index->kind();
     source.kind_known = true;
     return {index};
   }
-  if (index->is_rdata() == source.rdata) return {index};
+  if (index->kind() == source.kind) return {index};
   // Stays listed without a handle until the set file changes again.
-  log_printf(LOG_ERROR, "%s file %s rejected from %s fileset %s", kind_name(index->is_rdata()), shown.c_str(),
-             kind_name(source.rdata), set.c_str());
+  log_printf(LOG_ERROR, "%s file %s rejected from %s fileset %s", tgdb_kind_name(index->kind()), shown.c_str(),
+             tgdb_kind_name(source.kind), set.c_str());
   return {};
 }
 
@@ -100,7 +99,7 @@ std::unique_ptr<tgdb_merger> fileset_source::start(search_context& ctx) {
   // Reloaded before the search takes the kind, so that the first file ever
   // accepted already decides the kind of this search.
   fileset_reload(*this);
-  auto search = std::make_unique<tgdb_merger>(ctx, rdata);
+  auto search = std::make_unique<tgdb_merger>(ctx, kind);
   size_t added = 0;
   {
     std::shared_lock guard(lock);

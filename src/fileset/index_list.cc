@@ -8,20 +8,16 @@
 #include "tgdb/tgdb.h"
 #include "tgdb/tgdb_merger.h"
 
-namespace {
-const char* kind_name(bool rdata) { return rdata ? "rdata" : "rrname"; }
-}  // namespace
-
 struct index_list final : data_source {
   std::unique_ptr<tgdb_merger> start(search_context& ctx) override;
 
-  bool rdata = false;  // the kind of every file, set by the first one added
+  tgdb_kind kind = tgdb_kind::rrname;  // of every file, set by the first one added
   std::vector<tgdb_ptr> indexes;
 };
 
 std::unique_ptr<tgdb_merger> index_list::start(search_context& ctx) {
   if (indexes.empty()) return nullptr;
-  auto search = std::make_unique<tgdb_merger>(ctx, rdata);
+  auto search = std::make_unique<tgdb_merger>(ctx, kind);
   for (const auto& index : indexes) search->add_file(index);
   return search;
 }
@@ -36,10 +32,10 @@ bool index_list_add(index_list& list, const char* path) {
   tgdb_ptr index = tgdb_open(path);
   if (!index) return false;
   if (list.indexes.empty()) {
-    list.rdata = index->is_rdata();
-  } else if (index->is_rdata() != list.rdata) {
-    log_printf(LOG_ERROR, "%s file %s rejected from %s file list", kind_name(index->is_rdata()),
-               visible_text(path).c_str(), kind_name(list.rdata));
+    list.kind = index->kind();
+  } else if (index->kind() != list.kind) {
+    log_printf(LOG_ERROR, "%s file %s rejected from %s file list", tgdb_kind_name(index->kind()),
+               visible_text(path).c_str(), tgdb_kind_name(list.kind));
     return false;
   }
   list.indexes.push_back(std::move(index));

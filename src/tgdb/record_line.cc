@@ -253,6 +253,13 @@ std::optional<rdata_value> parse_rdata_value(std::string_view text) {
   return out;
 }
 
+bool parse_record_item(std::string_view item, search_entry& out) {
+  search_entry e;
+  if (std::count(item.begin(), item.end(), ':') != 2 || !parse_rrname_item(item, e)) return false;
+  out = e;
+  return true;
+}
+
 bool value_has_wire_form(std::string_view value) {
   const size_t stop = value.find_first_of(":/");
   return stop != npos && value[stop] == '/';

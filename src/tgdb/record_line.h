@@ -59,6 +59,10 @@ std::vector<uint8_t> decode_rdata(std::string_view text);
 // colon.
 bool value_has_wire_form(std::string_view value);
 
+// Exactly one TYPE:FIRST[,DELTA]:COUNT item, all three parts present and
+// nothing around it. False when `item` is anything else.
+bool parse_record_item(std::string_view item, search_entry& out);
+
 // --- formatters ----------------------------------------------------------------
 
 // Appends TYPE:FIRST[,DELTA]:COUNT, DELTA being last-seen minus first-seen and

@@ -1,4 +1,5 @@
-// One merged record: the key and its per-type entries.
+// One merged record: the key and its per-type entries (one entry for rdata,
+// byname and byvalue results).
 #pragma once
 
 #include <algorithm>
@@ -6,6 +7,8 @@
 #include <limits>
 #include <string>
 #include <vector>
+
+#include "tgdb/tgdb_kind.h"
 
 struct search_entry {
   uint16_t rrtype = 0;
@@ -28,6 +31,8 @@ struct search_result {
   std::vector<uint8_t> rdata;  // record data in rdata mode; empty otherwise
   bool wildcard = false;
   std::string name;            // the key: owner name, or rdata text
+  tgdb_kind kind = tgdb_kind::rrname;  // of the files it came from
+  std::string other{};  // byname and byvalue: the side that is not the key
 
   bool has_rdata() const { return !rdata.empty(); }
 };

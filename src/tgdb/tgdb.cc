@@ -6,6 +6,7 @@
 #include "libmy/my_text.h"
 #include "libmy/ubuf.h"
 #include "log/log.h"
+#include "tgdb/kind_lines.h"
 #include "tgdb/record_line.h"
 
 namespace {
@@ -33,16 +34,30 @@ bool check_directory(const tgdb& db, std::string& err) {
 }
 
 // A flipped kind flag would have every line parsed the wrong way, and the
-// file answer nothing: the first line must be of the flagged kind.
-bool check_kind(const tgdb& db, std::string& err) {
+// file answer nothing: the flags must name a kind, and the first line must be
+// of that kind.
+bool check_kind(const tgdb& db, tgdb_kind& kind, std::string& err) {
+  const auto named = tgdb_kind_of_flags(db.flags());
+  if (!named) {
+    err = ubuf_fmt("Error: trigram index flags 0x%x name no kind of index this version reads", db.flags());
+    return false;
+  }
+  kind = *named;
   const std::string_view table = db.string_table();
   const std::string_view first = table.substr(0, table.find('\n'));
   if (first.empty()) return true;
+  if (tgdb_kind_linked(kind)) {
+    if (!kind_line_entries(kind, first).empty()) return true;
+    err = ubuf_fmt("Error: trigram index is flagged as %s, but its first line is not a %s line", tgdb_kind_name(kind),
+                   tgdb_kind_name(kind));
+    return false;
+  }
   const size_t tab = first.find('\t');
   const bool has_data = tab != std::string_view::npos && value_has_wire_form(first.substr(tab + 1));
-  if (has_data == db.is_rdata()) return true;
-  err = db.is_rdata() ? "Error: trigram index is flagged as rdata, but its first line holds no record data"
-                      : "Error: trigram index is flagged as owner names, but its first line holds record data";
+  if (has_data == (kind == tgdb_kind::rdata)) return true;
+  err = kind == tgdb_kind::rdata
+            ? "Error: trigram index is flagged as rdata, but its first line holds no record data"
+            : "Error: trigram index is flagged as owner names, but its first line holds record data";
   return false;
 }
 
@@ -75,7 +90,7 @@ tgdb_ptr tgdb_load(const char* path, std::string& err) {
   }
   if (!tgdb_locate(db->file(), db->header_, db->layout_, err)) return nullptr;
   db->file_.set_text_region(db->layout_.string_table_offset, db->layout_.string_table_size);
-  if (!check_directory(*db, err) || !check_kind(*db, err)) return nullptr;
+  if (!check_directory(*db, err) || !check_kind(*db, db->kind_, err)) return nullptr;
   db->path_ = path;
   return db;
 }

@@ -18,6 +18,7 @@
 #include "tgdb/file_mapping.h"
 #include "tgdb/posting_list.h"
 #include "tgdb/tgdb_format.h"
+#include "tgdb/tgdb_kind.h"
 
 class tgdb {
  public:
@@ -28,7 +29,8 @@ class tgdb {
   const tgdb_header& header() const { return header_; }
   const tgdb_layout& layout() const { return layout_; }
   uint32_t flags() const { return header_.flags; }
-  bool is_rdata() const { return header_.rdata(); }
+  tgdb_kind kind() const { return kind_; }
+  bool is_rdata() const { return kind_ == tgdb_kind::rdata; }
   bool has_time_range() const { return header_.has_time_range(); }
   uint32_t first_seen() const { return header_.first_seen; }
   uint32_t last_seen() const { return header_.last_seen; }
@@ -56,6 +58,7 @@ class tgdb {
   std::string path_;
   file_mapping file_;
   tgdb_header header_;  // a copy, so that it stays whatever happens to the file
+  tgdb_kind kind_ = tgdb_kind::rrname;  // as its flags name it
   tgdb_layout layout_;
 };
 

@@ -8,7 +8,7 @@
 #include "libmy/my_text.h"
 #include "libmy/ubuf.h"
 #include "tgdb/posting_list.h"
-#include "tgdb/record_line.h"
+#include "tgdb/kind_lines.h"
 #include "tgdb/tgdb.h"
 
 namespace {
@@ -110,11 +110,10 @@ class checker {
     if (line.empty()) return fail(region, "empty line");
     const size_t tab = line.find('\t');
     if (tab == std::string_view::npos) return fail(region, "no tab after the key");
-    std::vector<search_entry> entries;
-    if (!parse(line.substr(tab + 1), entries))
-      return fail(region, db_.is_rdata() ? "not an rdata record line" : "not an owner-name record line");
-    const auto order = db_.is_rdata() ? compare_rdata_lines : compare_rrname_lines;
-    if (n > 0 && order(previous_, line) > 0) return fail(region, "orders before the line above it");
+    const std::vector<search_entry> entries = kind_line_entries(db_.kind(), line);
+    if (entries.empty()) return fail(region, not_a_line());
+    if (n > 0 && kind_line_order(db_.kind())(previous_, line) > 0)
+      return fail(region, "orders before the line above it");
     previous_ = line;
     for (const search_entry& e : entries) {
       if (db_.has_time_range() && (e.time_first < db_.first_seen() || e.time_last > db_.last_seen()))
@@ -134,15 +133,15 @@ class checker {
     return true;
   }
 
-  bool parse(std::string_view value, std::vector<search_entry>& entries) const {
-    if (!db_.is_rdata()) {
-      entries = parse_rrname_value(value);
-      return !entries.empty();
+  std::string not_a_line() const {
+    switch (db_.kind()) {
+      case tgdb_kind::rrname:
+        return "not an owner-name record line";
+      case tgdb_kind::rdata:
+        return "not an rdata record line";
+      default:
+        return std::string("not a ") + tgdb_kind_name(db_.kind()) + " record line";
     }
-    const auto v = parse_rdata_value(value);
-    if (!v || v->wire_form.empty() || decode_rdata(value).empty()) return false;
-    entries = {v->entry};
-    return true;
   }
 
   // Every list is used up, and the nref table counts what each held.

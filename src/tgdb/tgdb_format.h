@@ -32,6 +32,9 @@
 inline constexpr uint32_t TGDB_FLAG_TIME_RANGE = 0x200;
 inline constexpr uint32_t TGDB_FLAG_NREF = 0x4000;
 inline constexpr uint32_t TGDB_FLAG_RDATA = 0x8000;
+// With TGDB_FLAG_RDATA: the lines link owner names and values (tgdb_kind.h).
+inline constexpr uint32_t TGDB_FLAG_BYNAME = 0x10000;
+inline constexpr uint32_t TGDB_FLAG_BYVALUE = 0x20000;
 
 inline constexpr char TGDB_MAGIC[8] = {'Q', 'X', 'V', 'T', 'R', 'I', 0, 0};
 inline constexpr size_t TGDB_HEADER_SIZE = 48;
@@ -81,7 +84,6 @@ struct tgdb_header {
   uint32_t first_seen = 0;  // valid with TGDB_FLAG_TIME_RANGE
   uint32_t last_seen = 0;
 
-  bool rdata() const { return flags & TGDB_FLAG_RDATA; }
   bool has_time_range() const { return flags & TGDB_FLAG_TIME_RANGE; }
   // The nref table's length as the reader takes it: 0 without the flag.
   uint64_t nref_size() const { return flags & TGDB_FLAG_NREF ? nref_length : 0; }

@@ -7,6 +7,8 @@
 #include "libmy/my_text.h"
 #include "libmy/my_time.h"
 #include "log/log.h"
+#include "tgdb/kind_lines.h"
+#include "tgdb/linked_line.h"
 #include "tgdb/record_line.h"
 
 namespace {
@@ -35,17 +37,26 @@ int tgdb_merger::entry_order::operator()(const entry_ptr& a, const entry_ptr& b)
   return compare(a->line, b->line);
 }
 
-tgdb_merger::tgdb_merger(search_context& ctx, bool rdata)
-    : ctx_(ctx),
-      compare_(rdata ? compare_rdata_lines : compare_rrname_lines),
-      merge_(rdata ? merge_rdata : merge_rrname),
-      heap_(entry_order{compare_}),
-      rdata_(rdata) {}
+tgdb_merger::merge_fn tgdb_merger::merge_of(tgdb_kind kind) {
+  switch (kind) {
+    case tgdb_kind::rrname:
+      return merge_rrname;
+    case tgdb_kind::rdata:
+      return merge_rdata;
+    case tgdb_kind::byname:
+    case tgdb_kind::byvalue:
+      break;
+  }
+  return merge_linked;
+}
+
+tgdb_merger::tgdb_merger(search_context& ctx, tgdb_kind kind)
+    : ctx_(ctx), compare_(kind_line_order(kind)), merge_(merge_of(kind)), heap_(entry_order{compare_}), kind_(kind) {}
 
 tgdb_merger::~tgdb_merger() = default;
 
 void tgdb_merger::add_file(tgdb_ptr index) {
-  if (!index || index->is_rdata() != rdata_ || finished_) return;
+  if (!index || index->kind() != kind_ || finished_) return;
   if (index->has_time_range()) {
     const int64_t first = index->first_seen(), last = index->last_seen();
     // Widened before the filter, so that a skipped file still bounds the
@@ -128,12 +139,7 @@ std::unique_ptr<search_result> tgdb_merger::gather() {
     }
 
     if (first_of_key) {
-      search_counters& c = ctx_.counters;
-      ++c.candidates;
-      const std::string_view key = key_of(top->line);
-      if (match_line(ctx_.match, key.data(), key.size())) {
-        if (c.pattern_matches == 0) c.first_match = my_time_now();
-        ++c.pattern_matches;
+      if (key_matches(key_of(top->line))) {
         merge_(pending, top->line);
         rejected = false;
       } else {
@@ -151,7 +157,22 @@ std::unique_ptr<search_result> tgdb_merger::gather() {
   return nullptr;
 }
 
+bool tgdb_merger::key_matches(std::string_view key) {
+  if (has_matched_key_ && key == matched_key_) return key_matched_;
+  search_counters& c = ctx_.counters;
+  ++c.candidates;
+  key_matched_ = match_line(ctx_.match, key.data(), key.size());
+  if (key_matched_) {
+    if (c.pattern_matches == 0) c.first_match = my_time_now();
+    ++c.pattern_matches;
+  }
+  matched_key_.assign(key);
+  has_matched_key_ = true;
+  return key_matched_;
+}
+
 std::unique_ptr<search_result> tgdb_merger::finish(std::unique_ptr<search_result> res) const {
+  res->kind = kind_;
   if (!finish_result(ctx_.filters, *res)) return nullptr;
   return res;
 }

@@ -3,9 +3,10 @@
 // Each added file contributes a stream of candidate lines; a heap keeps one
 // entry per file ordered by record key, so the lines of all files come out
 // as one sorted sequence. The first line of every key is confirmed with the
-// matcher; every line with that key from every file is then folded into one
-// search_result, which is filtered by type, time and count before it is
-// handed out.
+// matcher (once for consecutive keys with the same text, such as the records
+// of one name in byname files); every line with that key from every file is
+// then folded into one search_result, which is filtered by type, time and
+// count before it is handed out.
 //
 // A file whose part of the search ends early (damage, a file that shrank)
 // or that could not take part at all makes the search incomplete: the other
@@ -25,9 +26,8 @@
 
 class tgdb_merger {
  public:
-  // Over owner-name files, or over rdata files when `rdata` is set; files of
-  // the other kind are ignored.
-  tgdb_merger(search_context& ctx, bool rdata);
+  // Over the files of one kind; files of another kind are ignored.
+  tgdb_merger(search_context& ctx, tgdb_kind kind);
   ~tgdb_merger();
   tgdb_merger(const tgdb_merger&) = delete;
   tgdb_merger& operator=(const tgdb_merger&) = delete;
@@ -48,7 +48,7 @@ class tgdb_merger {
   // not the whole answer.
   bool incomplete() const { return failed_files_ != 0; }
 
-  bool rdata() const { return rdata_; }
+  tgdb_kind kind() const { return kind_; }
   bool finished() const { return finished_; }
 
  private:
@@ -56,6 +56,9 @@ class tgdb_merger {
   using entry_ptr = std::unique_ptr<file_entry>;
   using compare_fn = int (*)(std::string_view, std::string_view);
   using merge_fn = void (*)(std::unique_ptr<search_result>& slot, std::string_view line);
+  // How the lines of one kind fold into results; they come in the kind's
+  // order (kind_lines.h).
+  static merge_fn merge_of(tgdb_kind kind);
   struct entry_order {
     compare_fn compare;
     int operator()(const entry_ptr& a, const entry_ptr& b) const;
@@ -66,6 +69,9 @@ class tgdb_merger {
   // Moves the entry's source to its next line; false (with a failed source
   // counted) when it has none.
   bool advance(file_entry& entry);
+  // Whether the pattern matches `key`, asked once for a run of results
+  // with the same key.
+  bool key_matches(std::string_view key);
   void count_read(file_entry& entry);
 
   search_context& ctx_;
@@ -74,7 +80,10 @@ class tgdb_merger {
   heap<entry_ptr, entry_order> heap_;
   std::string current_key_;  // whole line that opened the key being gathered
   bool has_key_ = false;
-  bool rdata_;
+  tgdb_kind kind_;
+  std::string matched_key_;  // the key last handed to the matcher, and its verdict
+  bool has_matched_key_ = false;
+  bool key_matched_ = false;
   bool finished_ = false;
   int64_t earliest_first_seen_ = 0;  // over the added files with a time range; 0: none yet
   int64_t latest_last_seen_ = 0;

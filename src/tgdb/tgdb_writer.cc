@@ -130,7 +130,7 @@ struct tgdb_writer::impl {
   // into place.
   bool write_head_and_rename(std::vector<uint8_t>& head, std::string* err) {
     tgdb_header h;
-    h.flags = TGDB_FLAG_NREF | (opts.rdata ? TGDB_FLAG_RDATA : 0) | (opts.has_time_range ? TGDB_FLAG_TIME_RANGE : 0);
+    h.flags = TGDB_FLAG_NREF | tgdb_kind_flags(tgdb_write_kind(opts)) | (opts.has_time_range ? TGDB_FLAG_TIME_RANGE : 0);
     h.nref_length = uint32_t(TGDB_NREF_SIZE);
     h.string_table_size = table_size;
     h.line_index_size = line_index_size;

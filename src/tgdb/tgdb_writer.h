@@ -10,13 +10,21 @@
 #include <string_view>
 #include <vector>
 
+#include "tgdb/tgdb_kind.h"
+
 struct tgdb_write_options {
-  bool rdata = false;           // keyed by record data rather than owner name
+  tgdb_kind kind = tgdb_kind::rrname;
+  bool rdata = false;           // the older spelling of kind = tgdb_kind::rdata, which it overrides
   bool has_time_range = false;  // first_seen/last_seen below are valid
   uint32_t first_seen = 0;      // earliest first-seen of the file's records
   uint32_t last_seen = 0;       // latest last-seen of the file's records
   bool sync = true;             // flush to stable storage before the rename
 };
+
+// The kind a file written with `opts` is flagged as.
+inline tgdb_kind tgdb_write_kind(const tgdb_write_options& opts) {
+  return opts.rdata ? tgdb_kind::rdata : opts.kind;
+}
 
 // Writes `lines` (each without its newline; none empty, none holding a
 // newline) as an index file at `path`. The file is written under a

@@ -5,25 +5,19 @@
 #include <algorithm>
 #include <limits>
 
-#include "tgdb/record_line.h"
+#include "tgdb/kind_lines.h"
 #include "tgdb/tgdb_writer.h"
 
 std::string write_index(const std::string& path, std::vector<std::string> lines, const index_options& opts) {
-  const auto order = opts.rdata ? compare_rdata_lines : compare_rrname_lines;
+  const tgdb_kind kind = opts.rdata ? tgdb_kind::rdata : opts.kind;
+  const line_order order = kind_line_order(kind);
   std::stable_sort(lines.begin(), lines.end(), [&](auto& a, auto& b) { return order(a, b) < 0; });
   int64_t first = std::numeric_limits<uint32_t>::max(), last = 0;
   for (const std::string& line : lines) {
-    if (line.find('\t') == std::string::npos) continue;
-    const std::string_view value = std::string_view(line).substr(line.find('\t') + 1);
-    std::vector<search_entry> entries;
-    if (!opts.rdata)
-      entries = parse_rrname_value(value);
-    else if (auto v = parse_rdata_value(value))
-      entries = {v->entry};
-    for (const search_entry& e : entries)
+    for (const search_entry& e : kind_line_entries(kind, line))
       if (e.time_first != 0) first = std::min(first, e.time_first), last = std::max(last, e.time_last);
   }
-  tgdb_write_options w{.rdata = opts.rdata, .sync = false};
+  tgdb_write_options w{.kind = kind, .sync = false};
   if (opts.time_range && first <= last) {
     w.has_time_range = true;
     w.first_seen = uint32_t(first);

@@ -4,8 +4,11 @@
 #include <string>
 #include <vector>
 
+#include "tgdb/tgdb_kind.h"
+
 struct index_options {
-  bool rdata = false;
+  tgdb_kind kind = tgdb_kind::rrname;
+  bool rdata = false;  // shorthand for kind = tgdb_kind::rdata
   // Whether the file carries a time range: that of the lines' entries
   // (entries with time 0 carry none).
   bool time_range = true;
